@@ -1,0 +1,115 @@
+// Entry point: waits for the RAM dump to finish, then stages the panic evidence and files it
+// into the persistent log partition.
+#include "zq_mrdump_collect.h"
+
+#include <cutils/properties.h>
+#include <stdlib.h>
+#include <time.h>
+
+#include <chrono>
+#include <ctime>
+#include <filesystem>
+#include <fstream>
+#include <iomanip>
+#include <sstream>
+#include <thread>
+
+#include <android-base/logging.h>
+
+#include "archive.h"
+#include "log_types.h"
+#include "staging.h"
+
+namespace {
+
+constexpr char kStatusProperty[] = "vendor.minidump.cp.status";
+constexpr char kRamdumpProperty[] = "vendor.debug.mtk.aeev.ramdump";
+constexpr char kNeedUploadProperty[] = "vendor.minidump.need_upload";
+constexpr char kCbtFile[] = "/mnt/vendor/persist/CBT.txt";
+constexpr char kTimestampFormat[] = "%Y-%m-%d-%H-%M-%S";
+
+constexpr int kRamdumpPolls = 30;
+constexpr std::chrono::nanoseconds kRamdumpPollInterval{10'000'000'000};
+constexpr unsigned long kStagingFoldersKept = 2;
+
+// Polls the dump property until it leaves "dumping"; true only when it then reads "done".
+bool waitForRamdumpCompletion() {
+  char value[PROP_VALUE_MAX] = {};
+  int remaining = kRamdumpPolls;
+  while (true) {
+    property_get(kRamdumpProperty, value, "");
+    if (std::string(value) != "dumping") break;
+    LOG(INFO) << "Ramdump(mrdump) in progress, waiting for 10 seconds...\n";
+    std::this_thread::sleep_for(kRamdumpPollInterval);
+    // A dump that finishes during the last interval still times out: no read after it.
+    if (--remaining == 0) {
+      LOG(ERROR) << "Ramdump timed out.\n";
+      property_set(kStatusProperty, "not_valid");
+      return false;
+    }
+  }
+  if (std::string(value) == "done") {
+    LOG(INFO) << "Ramdump completed.\n";
+    return true;
+  }
+  LOG(ERROR) << "Unexpected property value: " << value << "\n";
+  property_set(kStatusProperty, "not_valid");
+  return false;
+}
+
+// Publishes whether the upload marker can be opened; its contents never matter.
+void checkCBTFile() {
+  std::ifstream marker(kCbtFile);
+  const bool exists = !marker.fail() && !marker.bad();
+  gCbtFileExists = exists;
+  property_set(kNeedUploadProperty, exists ? "1" : "0");
+}
+
+}  // namespace
+
+std::string GetCurrentTimestamp() {
+  const time_t now = std::chrono::system_clock::to_time_t(std::chrono::system_clock::now());
+  struct tm local = {};
+  localtime_r(&now, &local);
+  std::ostringstream text;
+  text << std::put_time(&local, kTimestampFormat);
+  return text.str();
+}
+
+std::string getCurrentTimeFormatted() {
+  const time_t now = time(nullptr);
+  const struct tm* local = localtime(&now);  // NOLINT(concurrency-mt-unsafe): one thread
+  char text[64] = {};
+  strftime(text, sizeof(text), kTimestampFormat, local);
+  return text;
+}
+
+int main(int /*argc*/, char** argv) {
+  // Overrides whatever the service inherited, so that INFO progress is never filtered out.
+  setenv("ANDROID_LOG_TAGS", "*:d", 1);
+  android::base::InitLogging(argv, android::base::LogdLogger(android::base::SYSTEM),
+                             android::base::DefaultAborter);
+  LOG(INFO) << "zq_mrdump_collect start!!";
+  property_set(kStatusProperty, "wait");
+  const auto start = std::chrono::steady_clock::now();
+
+  if (waitForRamdumpCompletion()) {
+    LOG(INFO) << "Get vendor.debug.mtk.aeev.ramdump is done";
+    gCurrentTimestamp = GetCurrentTimestamp();
+    gPanicLogDir = gPanicLogDir + "_" + gCurrentTimestamp;
+    property_set(kStatusProperty, "running");
+    checkCBTFile();
+    // Each stage runs whatever the one before it did; failures are logged where they happen.
+    copy_to_dump_collect();
+    LimitFolderNum(std::filesystem::path(gDumpCollectDir), kStagingFoldersKept);
+    copy_to_zq_log();
+  } else {
+    LOG(INFO) << "mrdump is not dumping or done.";
+  }
+
+  const auto end = std::chrono::steady_clock::now();
+  const int64_t elapsed_ns = std::chrono::nanoseconds(end - start).count();
+  LOG(INFO) << "Time taken: " << elapsed_ns / 1'000'000 << " ms" << std::endl;
+  property_set(kStatusProperty, "1");
+  return 0;
+}
