@@ -73,13 +73,27 @@ std::string JournalEscape(std::string_view bytes) {
   for (const char c : bytes) {
     const auto byte = static_cast<unsigned char>(c);
     switch (byte) {
-      case '"': out += "\\\""; break;
-      case '\\': out += "\\\\"; break;
-      case '\b': out += "\\b"; break;
-      case '\f': out += "\\f"; break;
-      case '\n': out += "\\n"; break;
-      case '\r': out += "\\r"; break;
-      case '\t': out += "\\t"; break;
+      case '"':
+        out += "\\\"";
+        break;
+      case '\\':
+        out += "\\\\";
+        break;
+      case '\b':
+        out += "\\b";
+        break;
+      case '\f':
+        out += "\\f";
+        break;
+      case '\n':
+        out += "\\n";
+        break;
+      case '\r':
+        out += "\\r";
+        break;
+      case '\t':
+        out += "\\t";
+        break;
       default:
         if (byte < 0x20 || byte >= 0x80) {
           out += android::base::StringPrintf("\\u%04x", byte);
@@ -96,8 +110,8 @@ void JournalLog(int buffer_id, int priority, const char* tag, const char* msg) {
                              Field("prio", std::string(1, PriorityLetter(priority)).c_str()) +
                              Field("tag", tag) + Field("msg", msg) + "}\n";
   if (!Append(record)) {
-    fprintf(stderr, "%c/%s(%d): %s\n", PriorityLetter(priority), tag != nullptr ? tag : "",
-            getpid(), msg != nullptr ? msg : "");
+    (void)fprintf(stderr, "%c/%s(%d): %s\n", PriorityLetter(priority), tag != nullptr ? tag : "",
+                  getpid(), msg != nullptr ? msg : "");
   }
 }
 
@@ -106,8 +120,8 @@ void JournalPropertyGet(const char* name, const char* value) {
 }
 
 void JournalPropertySet(const char* name, const char* value, bool ok) {
-  Append(Head("set") + Field("name", name) + Field("value", value) + ",\"ok\":" +
-         (ok ? "true" : "false") + "}\n");
+  Append(Head("set") + Field("name", name) + Field("value", value) +
+         ",\"ok\":" + (ok ? "true" : "false") + "}\n");
 }
 
 }  // namespace host

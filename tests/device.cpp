@@ -92,14 +92,30 @@ std::optional<std::string> DecodeJournalString(const std::string& body) {
     }
     if (++i == body.size()) return std::nullopt;
     switch (body[i]) {
-      case '"': out += '"'; break;
-      case '\\': out += '\\'; break;
-      case '/': out += '/'; break;
-      case 'b': out += '\b'; break;
-      case 'f': out += '\f'; break;
-      case 'n': out += '\n'; break;
-      case 'r': out += '\r'; break;
-      case 't': out += '\t'; break;
+      case '"':
+        out += '"';
+        break;
+      case '\\':
+        out += '\\';
+        break;
+      case '/':
+        out += '/';
+        break;
+      case 'b':
+        out += '\b';
+        break;
+      case 'f':
+        out += '\f';
+        break;
+      case 'n':
+        out += '\n';
+        break;
+      case 'r':
+        out += '\r';
+        break;
+      case 't':
+        out += '\t';
+        break;
       case 'u': {
         if (i + 4 >= body.size()) return std::nullopt;
         const std::string hex = body.substr(i + 1, 4);
@@ -162,8 +178,8 @@ Device::Device() : root_(std::string(dir_.path) + "/phone") {
 }
 
 void Device::Panic(const std::vector<std::string>& options) {
-  std::vector<std::string> argv = {ZQ_DEVSIM, "panic", root_, "--kmsg-size", "64", "--db-size",
-                                   "128"};
+  std::vector<std::string> argv = {ZQ_DEVSIM, "panic",     root_, "--kmsg-size",
+                                   "64",      "--db-size", "128"};
   argv.insert(argv.end(), options.begin(), options.end());
   const CommandResult panic = RunCommand(argv);
   ASSERT_EQ(panic.status, 0) << panic.err;
@@ -171,8 +187,8 @@ void Device::Panic(const std::vector<std::string>& options) {
 
 CommandResult Device::Boot(const std::string& userland, const std::string& faketime,
                            const std::map<std::string, std::string>& env) {
-  std::vector<std::string> argv = {"timeout", "120", ZQ_DEVSIM, "boot", root_, "--userland",
-                                   userland};
+  std::vector<std::string> argv = {"timeout", "120",        ZQ_DEVSIM, "boot",
+                                   root_,     "--userland", userland};
   if (!faketime.empty()) argv.insert(argv.end(), {"--faketime", faketime});
   std::map<std::string, std::string> full_env = env;
   full_env.emplace("ZQ_MRDUMP_COLLECT", ZQ_MRDUMP_COLLECT);
@@ -191,7 +207,9 @@ void Device::SetProp(const std::string& name, const std::string& value) {
   ASSERT_EQ(set.status, 0) << set.err;
 }
 
-std::vector<JournalRecord> Device::Journal() const { return ParseJournal(ReadFile(Path("journal"))); }
+std::vector<JournalRecord> Device::Journal() const {
+  return ParseJournal(ReadFile(Path("journal")));
+}
 
 std::vector<std::string> Device::Log() const {
   std::vector<std::string> messages;

@@ -125,9 +125,15 @@ TEST_F(HostLayerTest, JournalEscapingKeepsEveryByte) {
   for (int b = 1; b < 256; ++b) all_bytes += static_cast<char>(b);
   const std::string escaped = host::JournalEscape(all_bytes);
   EXPECT_EQ(DecodeJournalString(escaped), all_bytes);
-  for (const auto& [raw, expected] : std::vector<std::pair<std::string, std::string>>{
-           {"\"", "\\\""}, {"\\", "\\\\"}, {"\n", "\\n"}, {"\x01", "\\u0001"},
-           {"\x1f", "\\u001f"}, {"\xe9", "\\u00e9"}, {"\xff", "\\u00ff"}, {"a/b", "a/b"}}) {
+  for (const auto& [raw, expected] :
+       std::vector<std::pair<std::string, std::string>>{{"\"", "\\\""},
+                                                        {"\\", "\\\\"},
+                                                        {"\n", "\\n"},
+                                                        {"\x01", "\\u0001"},
+                                                        {"\x1f", "\\u001f"},
+                                                        {"\xe9", "\\u00e9"},
+                                                        {"\xff", "\\u00ff"},
+                                                        {"a/b", "a/b"}}) {
     EXPECT_EQ(host::JournalEscape(raw), expected) << raw;
   }
 }

@@ -80,13 +80,13 @@ void copy_panic_log(uint32_t type) {
   // Only the default staging folder has a shorter fallback; any other over-long command is cut.
   if (command.size() >= kCommandSize && std::string(last_dump) == "panic_log") {
     LOG(WARNING) << command << " exceed 512 length, using default path";
-    snprintf(buffer, sizeof(buffer), "cp -r /data/vendor/dump_collect/panic_log/* %s",
-             new_log_path.c_str());
+    (void)snprintf(buffer, sizeof(buffer), "cp -r /data/vendor/dump_collect/panic_log/* %s",
+                   new_log_path.c_str());
   } else {
-    snprintf(buffer, sizeof(buffer), "%s", command.c_str());
+    (void)snprintf(buffer, sizeof(buffer), "%s", command.c_str());
   }
   LOG(INFO) << tag << "copy_panic_log: " << buffer;
-  system(buffer);  // NOLINT(cert-env33-c): the device's own cp; a failed copy is archived as is
+  system(buffer);  // a failed copy is not reported: whatever arrived is archived
 }
 
 int prepare_type_log_and_dir(unsigned int type) {
@@ -97,15 +97,13 @@ int prepare_type_log_and_dir(unsigned int type) {
   const std::string& tag = kLogTags[type];
   LogType& rec = kLogTypes[type];
   if (zq_create_dir_str(rec.log_dir) != 0) {
-    LOG(ERROR) << tag << "prepare_type_log_and_dir: zq_create_dir_str fail create: "
-               << rec.log_dir;
+    LOG(ERROR) << tag << "prepare_type_log_and_dir: zq_create_dir_str fail create: " << rec.log_dir;
     return -1;
   }
   rec.new_log_count = get_new_zq_log_count(rec.log_dir, rec.prefix);
   // Informational, logged at ERROR on purpose.
   LOG(ERROR) << tag << "prepare_type_log_and_dir: new_log_count: " << rec.new_log_count;
-  if (remove_old_and_trash_file(rec.new_log_count, rec.log_dir, rec.prefix, rec.max_log_num) !=
-      0) {
+  if (remove_old_and_trash_file(rec.new_log_count, rec.log_dir, rec.prefix, rec.max_log_num) != 0) {
     LOG(ERROR) << tag << "prepare_type_log_and_dir: remove_old_and_trash_file failed!, prefix: "
                << rec.prefix << " ,new_log_count: " << rec.new_log_count;
     return -1;
@@ -213,7 +211,7 @@ int tar_and_delete_dir(std::string dir, bool remove_dir) {
   // Names the last compression attempted, whatever its category and outcome.
   property_set(kLastPanicLogProperty, base.c_str());
   LOG(INFO) << command << std::endl;
-  if (system(command.c_str()) != 0) {  // NOLINT(cert-env33-c): the device's own tar
+  if (system(command.c_str()) != 0) {
     LOG(INFO) << parent << " save failed" << std::endl;
   } else {
     LOG(INFO) << parent << "/" << base << " save as " << archive << std::endl;

@@ -78,9 +78,9 @@ std::string GetCurrentTimestamp() {
 
 std::string getCurrentTimeFormatted() {
   const time_t now = time(nullptr);
-  const struct tm* local = localtime(&now);  // NOLINT(concurrency-mt-unsafe): one thread
+  const struct tm* local = localtime(&now);  // not re-entrant; the daemon has one thread
   char text[64] = {};
-  strftime(text, sizeof(text), kTimestampFormat, local);
+  (void)strftime(text, sizeof(text), kTimestampFormat, local);
   return text;
 }
 
