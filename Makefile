@@ -9,6 +9,7 @@ endif
 DEVSIM := devsim/zq-devsim
 PHONE := $(BUILD)/phone
 JOBS ?= $(shell nproc)
+MAKEFLAGS += --no-print-directory
 
 .PHONY: all deps build test run clean format tidy
 
