@@ -7,6 +7,7 @@
 
 #include <algorithm>
 
+#include <android-base/logging.h>
 #include <android-base/strings.h>
 #include <gtest/gtest.h>
 
@@ -77,6 +78,14 @@ std::string ReadFile(const std::string& path) {
   std::string text;
   android::base::ReadFileToString(path, &text);
   return text;
+}
+
+std::vector<std::string> Messages(const std::vector<JournalRecord>& journal) {
+  std::vector<std::string> messages;
+  for (const JournalRecord& r : journal) {
+    if (r.ev == "log") messages.push_back(r.msg);
+  }
+  return messages;
 }
 
 }  // namespace
@@ -186,10 +195,12 @@ void Device::Panic(const std::vector<std::string>& options) {
 }
 
 CommandResult Device::Boot(const std::string& userland, const std::string& faketime,
-                           const std::map<std::string, std::string>& env) {
-  std::vector<std::string> argv = {"timeout", "120",        ZQ_DEVSIM, "boot",
-                                   root_,     "--userland", userland};
+                           const std::map<std::string, std::string>& env,
+                           const std::vector<std::string>& options) {
+  std::vector<std::string> argv = {"timeout", "120", ZQ_DEVSIM, "boot", root_};
+  argv.insert(argv.end(), {"--userland", userland});
   if (!faketime.empty()) argv.insert(argv.end(), {"--faketime", faketime});
+  argv.insert(argv.end(), options.begin(), options.end());
   std::map<std::string, std::string> full_env = env;
   full_env.emplace("ZQ_MRDUMP_COLLECT", ZQ_MRDUMP_COLLECT);
   full_env.emplace("TZ", "UTC");
@@ -231,6 +242,32 @@ size_t Device::Gets(const std::string& name) const {
   const std::vector<JournalRecord> journal = Journal();
   return std::count_if(journal.begin(), journal.end(),
                        [&](const JournalRecord& r) { return r.ev == "get" && r.name == name; });
+}
+
+InProcessPlatform::InProcessPlatform() {
+  setenv("HOST_PROPERTY_DIR", area_.path, 1);
+  setenv("HOST_JOURNAL", journal_.path, 1);
+  android::base::SetLogger(android::base::LogdLogger(android::base::SYSTEM));
+}
+
+InProcessPlatform::~InProcessPlatform() {
+  android::base::SetLogger(android::base::StderrLogger);
+  unsetenv("HOST_PROPERTY_DIR");
+  unsetenv("HOST_JOURNAL");
+}
+
+std::vector<JournalRecord> InProcessPlatform::Journal() const {
+  return ParseJournal(ReadFile(journal_.path));
+}
+
+std::vector<std::string> InProcessPlatform::Log() const {
+  return Messages(Journal());
+}
+
+std::optional<std::string> InProcessPlatform::Prop(const std::string& name) const {
+  std::string value;
+  if (!android::base::ReadFileToString(AreaPath(name), &value)) return std::nullopt;
+  return value;
 }
 
 bool Contains(const std::vector<std::string>& lines, const std::string& line) {

@@ -46,9 +46,10 @@ class Device {
 
   // zq-devsim panic with |options|.
   void Panic(const std::vector<std::string>& options = {});
-  // zq-devsim boot in |userland|, under FAKETIME |faketime| when not empty.
+  // zq-devsim boot in |userland|, under FAKETIME |faketime| when not empty, with |options|.
   CommandResult Boot(const std::string& userland, const std::string& faketime = "",
-                     const std::map<std::string, std::string>& env = {});
+                     const std::map<std::string, std::string>& env = {},
+                     const std::vector<std::string>& options = {});
 
   std::optional<std::string> Prop(const std::string& name) const;
   void SetProp(const std::string& name, const std::string& value);
@@ -64,6 +65,25 @@ class Device {
  private:
   TemporaryDir dir_;
   std::string root_;
+};
+
+// The host layer pointed at a temporary property area and journal, with libbase logging into
+// that journal, for tests that call the daemon's functions in process.
+class InProcessPlatform {
+ public:
+  InProcessPlatform();
+  ~InProcessPlatform();
+
+  std::string AreaPath(const std::string& name) const {
+    return std::string(area_.path) + "/" + name;
+  }
+  std::vector<JournalRecord> Journal() const;
+  std::vector<std::string> Log() const;
+  std::optional<std::string> Prop(const std::string& name) const;
+
+ private:
+  TemporaryDir area_;
+  TemporaryFile journal_;
 };
 
 // Whether |lines| holds |line| exactly.

@@ -22,15 +22,6 @@ namespace {
 
 class HostLayerTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    setenv("HOST_PROPERTY_DIR", area_.path, 1);
-    setenv("HOST_JOURNAL", journal_.path, 1);
-  }
-  void TearDown() override {
-    unsetenv("HOST_PROPERTY_DIR");
-    unsetenv("HOST_JOURNAL");
-  }
-
   std::string Get(const char* name, const char* default_value, int* length = nullptr) {
     char value[PROP_VALUE_MAX];
     memset(value, 'x', sizeof(value));
@@ -38,15 +29,10 @@ class HostLayerTest : public ::testing::Test {
     if (length != nullptr) *length = n;
     return value;
   }
-  std::string File(const std::string& name) { return std::string(area_.path) + "/" + name; }
-  std::vector<JournalRecord> Journal() {
-    std::string text;
-    android::base::ReadFileToString(journal_.path, &text);
-    return ParseJournal(text);
-  }
+  std::string File(const std::string& name) { return platform_.AreaPath(name); }
+  std::vector<JournalRecord> Journal() { return platform_.Journal(); }
 
-  TemporaryDir area_;
-  TemporaryFile journal_;
+  InProcessPlatform platform_;
 };
 
 TEST_F(HostLayerTest, GetCutsValuesAndFallsBackToTheDefault) {
@@ -86,7 +72,7 @@ TEST_F(HostLayerTest, SetRefusesWhatThePhoneRefusesAndReplacesAtomically) {
   EXPECT_EQ(property_set("../escape", "v"), -1);
 
   std::vector<std::string> names;
-  for (const auto& entry : std::filesystem::directory_iterator(area_.path)) {
+  for (const auto& entry : std::filesystem::directory_iterator(File(""))) {
     names.push_back(entry.path().filename());
   }
   EXPECT_EQ(names, std::vector<std::string>{"p"}) << "no temporary file may be left behind";
@@ -100,7 +86,7 @@ TEST_F(HostLayerTest, SetRefusesWhatThePhoneRefusesAndReplacesAtomically) {
 }
 
 TEST_F(HostLayerTest, SetFailsWhenTheAreaCannotBeWritten) {
-  setenv("HOST_PROPERTY_DIR", (std::string(area_.path) + "/missing").c_str(), 1);
+  setenv("HOST_PROPERTY_DIR", File("missing").c_str(), 1);
   EXPECT_EQ(property_set("p", "v"), -1);
   EXPECT_EQ(Get("p", "dflt"), "dflt");
 }
@@ -139,9 +125,7 @@ TEST_F(HostLayerTest, JournalEscapingKeepsEveryByte) {
 }
 
 TEST_F(HostLayerTest, LogRecordsReachTheJournalWithBufferPriorityAndTag) {
-  android::base::SetLogger(android::base::LogdLogger(android::base::SYSTEM));
   LOG(WARNING) << "caf\xe9 \"quoted\"\ttab";
-  android::base::SetLogger(android::base::StderrLogger);
 
   const std::vector<JournalRecord> journal = Journal();
   ASSERT_EQ(journal.size(), 1u);

@@ -267,9 +267,8 @@ TEST(StagingParseTest, ExceptionFolderOfTheDatabaseProperty) {
 }
 
 TEST(StagingParseTest, RestartReasonIsTheFirstKeAtLineUpToItsComma) {
-  TemporaryDir area;
+  InProcessPlatform platform;
   TemporaryDir db;
-  setenv("HOST_PROPERTY_DIR", area.path, 1);
   const std::string long_reason = "KE at " + std::string(90, 'x');
   const std::pair<std::string, std::string> cases[] = {
       {"abc KE at xyz,def,ghi\n", "KE at xyz"},
@@ -287,11 +286,8 @@ TEST(StagingParseTest, RestartReasonIsTheFirstKeAtLineUpToItsComma) {
     ASSERT_EQ(property_set("vendor.restart_reason", "old"), 0);
     ASSERT_TRUE(android::base::WriteStringToFile(contents, std::string(db.path) + "/ZZ_INTERNAL"));
     get_restart_info(db.path);
-    char value[PROP_VALUE_MAX] = {};
-    property_get("vendor.restart_reason", value, "");
-    EXPECT_EQ(std::string(value), expected);
+    EXPECT_EQ(platform.Prop("vendor.restart_reason"), expected);
   }
-  unsetenv("HOST_PROPERTY_DIR");
 }
 
 }  // namespace
