@@ -25,13 +25,18 @@ build: deps
 test: build
 	@cd $(BUILD) && ctest --output-on-failure -j $(JOBS)
 
+# Seven panics in a row, a minute apart: the first dump still in progress at boot, the archive
+# numbered, compressed on the next boot and rotated past its limit of five.
 run: build
-	@ZQ_MRDUMP_COLLECT=$(BUILD)/zq_mrdump_collect $(DEVSIM) init $(PHONE) --force
-	@$(DEVSIM) panic $(PHONE) --dumping 20
-	@ZQ_MRDUMP_COLLECT=$(BUILD)/zq_mrdump_collect $(DEVSIM) boot $(PHONE) --faketime x100
-	@$(DEVSIM) logcat $(PHONE)
+	@$(DEVSIM) init $(PHONE) --force
+	@for boot in 0 1 2 3 4 5 6; do \
+	  $(DEVSIM) panic $(PHONE) --dumping $$((boot == 0 ? 20 : 0)) --kmsg-size 256 --db-size 512 && \
+	  ZQ_MRDUMP_COLLECT=$(BUILD)/zq_mrdump_collect \
+	    $(DEVSIM) boot $(PHONE) --faketime "@2024-05-01 13:4$$boot:10 x100" >/dev/null || exit 1; \
+	done
+	@$(DEVSIM) logcat $(PHONE) --last
 	@$(DEVSIM) getprop $(PHONE)
-	@$(DEVSIM) tree $(PHONE)
+	@$(DEVSIM) tree $(PHONE) data/vendor/dump_collect mnt/vendor/zq_log
 
 format:
 	@clang-format -i zq_mrdump/*.cpp zq_mrdump/*.h host/*.cpp host/*.h host/include/sys/*.h tests/*.cpp tests/*.h
