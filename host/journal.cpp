@@ -7,6 +7,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <cctype>
 #include <cstdint>
 
 #include <android-base/stringprintf.h>
@@ -101,6 +102,36 @@ std::string JournalEscape(std::string_view bytes) {
           out += c;
         }
     }
+  }
+  return out;
+}
+
+std::optional<std::string> JournalUnescape(std::string_view body) {
+  std::string out;
+  for (size_t i = 0; i < body.size(); ++i) {
+    const auto c = static_cast<unsigned char>(body[i]);
+    if (c < 0x20 || c >= 0x80 || c == '"') return std::nullopt;
+    if (c != '\\') {
+      out += body[i];
+      continue;
+    }
+    if (++i == body.size()) return std::nullopt;
+    const std::string_view escapes = "\"\\/bfnrt";
+    const std::string_view bytes = "\"\\/\b\f\n\r\t";
+    if (const size_t at = escapes.find(body[i]); at != std::string_view::npos) {
+      out += bytes[at];
+      continue;
+    }
+    if (body[i] != 'u' || i + 4 >= body.size()) return std::nullopt;
+    unsigned int code = 0;
+    for (const char digit : body.substr(i + 1, 4)) {
+      const size_t value = std::string_view("0123456789abcdef").find(tolower(digit));
+      if (value == std::string_view::npos) return std::nullopt;
+      code = code * 16 + value;
+    }
+    if (code > 0xff) return std::nullopt;
+    out += static_cast<char>(code);
+    i += 4;
   }
   return out;
 }

@@ -1,16 +1,12 @@
-// The workstation's property area and journal, in process: what the simulator and every other
-// test read back depends on them behaving as the phone's property service and logd do.
+// The workstation's property area and journal, which every other test reads back through: they
+// must behave as the phone's property service and logd do, and lose no byte.
 #include <cutils/properties.h>
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
-#include <filesystem>
-#include <string>
+#include <chrono>
 #include <thread>
 
-#include <android-base/file.h>
-#include <android-base/logging.h>
 #include <android-base/test_utils.h>
 #include <android-base/unique_fd.h>
 #include <gtest/gtest.h>
@@ -20,127 +16,89 @@
 
 namespace {
 
-class HostLayerTest : public ::testing::Test {
- protected:
-  std::string Get(const char* name, const char* default_value, int* length = nullptr) {
-    char value[PROP_VALUE_MAX];
-    memset(value, 'x', sizeof(value));
-    const int n = property_get(name, value, default_value);
-    if (length != nullptr) *length = n;
-    return value;
-  }
-  std::string File(const std::string& name) { return platform_.AreaPath(name); }
-  std::vector<JournalRecord> Journal() { return platform_.Journal(); }
+std::string Get(const char* name, const char* default_value, int* length = nullptr) {
+  char value[PROP_VALUE_MAX];
+  memset(value, 'x', sizeof(value));
+  const int n = property_get(name, value, default_value);
+  if (length != nullptr) *length = n;
+  return value;
+}
 
-  InProcessPlatform platform_;
-};
-
-TEST_F(HostLayerTest, GetCutsValuesAndFallsBackToTheDefault) {
+TEST(HostPropertiesTest, GetCutsToTheLimitAndFallsBackToTheDefault) {
+  InProcessPlatform platform;
   const std::string long_value(120, 'v');
-  struct Case {
-    const char* label;
-    std::optional<std::string> stored;
-    const char* default_value;
-    std::string expected;
-  } cases[] = {
-      {"unset", std::nullopt, "dflt", "dflt"},
-      {"unset, no default", std::nullopt, nullptr, ""},
-      {"empty counts as unset", "", "dflt", "dflt"},
-      {"stored as is, no newline added", "done", "dflt", "done"},
-      {"trailing blank kept", "done ", "", "done "},
-      {"cut to 91 bytes", long_value, "", long_value.substr(0, 91)},
-      {"long default cut too", std::nullopt, long_value.c_str(), long_value.substr(0, 91)},
+  const std::tuple<std::optional<std::string>, const char*, std::string> cases[] = {
+      {std::nullopt, "dflt", "dflt"},
+      {std::nullopt, nullptr, ""},
+      {"", "dflt", "dflt"},
+      {"done ", "", "done "},
+      {long_value, "", long_value.substr(0, 91)},
+      {std::nullopt, long_value.c_str(), long_value.substr(0, 91)},
   };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.label);
-    unlink(File("p").c_str());
-    if (c.stored) {
-      ASSERT_TRUE(android::base::WriteStringToFile(*c.stored, File("p")));
+  for (const auto& [stored, default_value, expected] : cases) {
+    SCOPED_TRACE(stored.value_or("(unset)"));
+    unlink(platform.AreaPath("p").c_str());
+    if (stored) {
+      ASSERT_TRUE(android::base::WriteStringToFile(*stored, platform.AreaPath("p")));
     }
     int length = -1;
-    EXPECT_EQ(Get("p", c.default_value, &length), c.expected);
-    EXPECT_EQ(length, static_cast<int>(c.expected.size()));
+    EXPECT_EQ(Get("p", default_value, &length), expected);
+    EXPECT_EQ(length, static_cast<int>(expected.size()));
   }
 }
 
-TEST_F(HostLayerTest, SetRefusesWhatThePhoneRefusesAndReplacesAtomically) {
+TEST(HostPropertiesTest, SetRefusesWhatThePhoneRefusesAndReplacesWhole) {
+  InProcessPlatform platform;
   ASSERT_EQ(property_set("p", "old"), 0);
   EXPECT_EQ(property_set("p", std::string(92, 'v').c_str()), -1);
-  EXPECT_EQ(Get("p", ""), "old") << "a refused value must leave the old one";
-  ASSERT_EQ(property_set("p", std::string(91, 'v').c_str()), 0);
-  EXPECT_EQ(Get("p", ""), std::string(91, 'v'));
-  EXPECT_EQ(property_set("../escape", "v"), -1);
-
-  std::vector<std::string> names;
-  for (const auto& entry : std::filesystem::directory_iterator(File(""))) {
-    names.push_back(entry.path().filename());
-  }
-  EXPECT_EQ(names, std::vector<std::string>{"p"}) << "no temporary file may be left behind";
-
-  const std::vector<JournalRecord> journal = Journal();
-  ASSERT_GE(journal.size(), 3u);
-  EXPECT_EQ(journal[1].ev, "set");
+  EXPECT_EQ(platform.Prop("p"), "old") << "a refused value leaves the old one";
+  EXPECT_EQ(property_set("p", std::string(91, 'v').c_str()), 0);
+  EXPECT_EQ(property_set("../p", "v"), -1);
+  EXPECT_EQ(Entries(platform.AreaPath("")), std::vector<std::string>{"p"}) << "no temporary left";
+  const std::vector<Record> journal = ReadJournal(getenv("HOST_JOURNAL"));
+  ASSERT_EQ(journal.size(), 4u);
   EXPECT_EQ(journal[1].value, std::string(92, 'v'));
   EXPECT_FALSE(journal[1].ok);
-  EXPECT_TRUE(journal[0].ok);
-}
+  EXPECT_TRUE(journal[2].ok);
 
-TEST_F(HostLayerTest, SetFailsWhenTheAreaCannotBeWritten) {
-  setenv("HOST_PROPERTY_DIR", File("missing").c_str(), 1);
+  setenv("HOST_PROPERTY_DIR", platform.AreaPath("missing").c_str(), 1);
   EXPECT_EQ(property_set("p", "v"), -1);
-  EXPECT_EQ(Get("p", "dflt"), "dflt");
 }
 
-TEST_F(HostLayerTest, GetReadsAFifoUntilItsWriterCloses) {
-  ASSERT_EQ(mkfifo(File("p").c_str(), 0644), 0);
-  for (const std::string value : {"dumping", "done"}) {
-    // In two pieces: a FIFO has no size, so only a read until end of file gets the whole value.
-    std::thread writer([&] {
-      android::base::unique_fd fd(open(File("p").c_str(), O_WRONLY | O_CLOEXEC));
-      ASSERT_TRUE(android::base::WriteStringToFd(value.substr(0, 3), fd.get()));
-      std::this_thread::sleep_for(std::chrono::milliseconds(20));
-      ASSERT_TRUE(android::base::WriteStringToFd(value.substr(3), fd.get()));
-    });
-    EXPECT_EQ(Get("p", "dflt"), value);
-    writer.join();
+TEST(HostPropertiesTest, GetReadsAFifoUntilItsWriterCloses) {
+  InProcessPlatform platform;
+  ASSERT_EQ(mkfifo(platform.AreaPath("p").c_str(), 0644), 0);
+  // Written in two pieces: a FIFO has no size, so only a read to end of file gets it whole.
+  std::thread writer([&] {
+    android::base::unique_fd fd(open(platform.AreaPath("p").c_str(), O_WRONLY | O_CLOEXEC));
+    ASSERT_TRUE(android::base::WriteStringToFd("dump", fd.get()));
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    ASSERT_TRUE(android::base::WriteStringToFd("ing", fd.get()));
+  });
+  EXPECT_EQ(Get("p", "dflt"), "dumping");
+  writer.join();
+}
+
+TEST(HostJournalTest, EveryByteSurvivesEscaping) {
+  std::string all;
+  for (int b = 0; b < 256; ++b) all += static_cast<char>(b);
+  EXPECT_EQ(host::JournalUnescape(host::JournalEscape(all)), all);
+  for (const auto& [raw, escaped] :
+       std::vector<std::pair<std::string, std::string>>{{"\"\\", "\\\"\\\\"},
+                                                        {"\n\t", "\\n\\t"},
+                                                        {"\x01\x1f", "\\u0001\\u001f"},
+                                                        {"\xe9\xff", "\\u00e9\\u00ff"},
+                                                        {"a/b\x7f", "a/b\x7f"}}) {
+    EXPECT_EQ(host::JournalEscape(raw), escaped);
   }
 }
 
-TEST_F(HostLayerTest, JournalEscapingKeepsEveryByte) {
-  std::string all_bytes;
-  for (int b = 1; b < 256; ++b) all_bytes += static_cast<char>(b);
-  const std::string escaped = host::JournalEscape(all_bytes);
-  EXPECT_EQ(DecodeJournalString(escaped), all_bytes);
-  for (const auto& [raw, expected] :
-       std::vector<std::pair<std::string, std::string>>{{"\"", "\\\""},
-                                                        {"\\", "\\\\"},
-                                                        {"\n", "\\n"},
-                                                        {"\x01", "\\u0001"},
-                                                        {"\x1f", "\\u001f"},
-                                                        {"\xe9", "\\u00e9"},
-                                                        {"\xff", "\\u00ff"},
-                                                        {"a/b", "a/b"}}) {
-    EXPECT_EQ(host::JournalEscape(raw), expected) << raw;
-  }
-}
-
-TEST_F(HostLayerTest, LogRecordsReachTheJournalWithBufferPriorityAndTag) {
-  LOG(WARNING) << "caf\xe9 \"quoted\"\ttab";
-
-  const std::vector<JournalRecord> journal = Journal();
-  ASSERT_EQ(journal.size(), 1u);
-  EXPECT_EQ(journal[0].ev, "log");
-  EXPECT_EQ(journal[0].buf, "system");
-  EXPECT_EQ(journal[0].prio, "W");
-  EXPECT_EQ(journal[0].msg, "caf\xe9 \"quoted\"\ttab");
-  EXPECT_EQ(journal[0].pid, getpid());
-}
-
-TEST_F(HostLayerTest, WithoutAJournalRecordsGoToStderrInBriefForm) {
-  setenv("HOST_JOURNAL", "/nonexistent/dir/journal", 1);
+TEST(HostJournalTest, WithoutAJournalRecordsGoToStderrInBriefForm) {
+  InProcessPlatform platform;
+  setenv("HOST_JOURNAL", "/nonexistent/journal", 1);
   CapturedStderr captured;
   host::JournalLog(3, 6, "tag", "it failed");
-  EXPECT_EQ(property_set("p", "v"), 0) << "a missing journal must not affect properties";
+  EXPECT_EQ(property_set("p", "v"), 0) << "a missing journal does not affect properties";
   captured.Stop();
   EXPECT_EQ(captured.str(), "E/tag(" + std::to_string(getpid()) + "): it failed\n");
 }

@@ -1,0 +1,268 @@
+// Runs the boots of scenarios.txt on simulated phones, each with the workstation's tools and with
+// the phone's, and the boots in a row that number, compress and rotate the archives.
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <set>
+
+#include <android-base/file.h>
+#include <android-base/stringprintf.h>
+#include <android-base/strings.h>
+#include <gtest/gtest.h>
+
+#include "device.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using android::base::Split;
+using android::base::StartsWith;
+using android::base::StringPrintf;
+
+struct Step {
+  int line;
+  bool host_only;
+  std::string verb, arg;
+};
+
+struct Scenario {
+  std::string name;
+  std::vector<Step> steps;
+};
+
+void PrintTo(const Scenario& s, std::ostream* os) {
+  *os << s.name;
+}
+
+// |text| with \n and \xNN replaced by the bytes they name.
+std::string Unescape(const std::string& text) {
+  std::string out;
+  for (size_t i = 0; i < text.size(); ++i) {
+    if (text.compare(i, 2, "\\n") == 0) {
+      out += '\n';
+      ++i;
+    } else if (text.compare(i, 2, "\\x") == 0 && i + 3 < text.size()) {
+      out += static_cast<char>(std::stoi(text.substr(i + 2, 2), nullptr, 16));
+      i += 3;
+    } else {
+      out += text[i];
+    }
+  }
+  return out;
+}
+
+// The first word of |text|, and the unescaped rest.
+std::pair<std::string, std::string> Head(const std::string& text) {
+  const size_t blank = text.find(' ');
+  if (blank == std::string::npos) return {text, ""};
+  return {text.substr(0, blank), Unescape(text.substr(blank + 1))};
+}
+
+std::vector<std::string> Words(const std::string& text) {
+  std::vector<std::string> words;
+  for (const std::string& word : Split(text, " ")) {
+    if (!word.empty()) words.push_back(Unescape(word));
+  }
+  return words;
+}
+
+std::vector<Scenario> LoadScenarios() {
+  std::vector<Scenario> scenarios;
+  std::vector<std::string> lines = Split(Slurp(ZQ_SCENARIOS), "\n");
+  for (size_t n = 0; n < lines.size(); ++n) {
+    std::string line = lines[n];
+    if (line.empty() || line[0] == '#') continue;
+    const bool host_only = StartsWith(line, "host: ");
+    if (host_only) line = line.substr(6);
+    const size_t blank = line.find(' ');
+    Step step{static_cast<int>(n + 1), host_only, line.substr(0, blank),
+              blank == std::string::npos ? "" : line.substr(blank + 1)};
+    if (step.verb == "scenario") {
+      scenarios.push_back({step.arg, {}});
+    } else if (!scenarios.empty()) {
+      scenarios.back().steps.push_back(step);
+    }
+  }
+  return scenarios;
+}
+
+size_t CountReads(const std::vector<Record>& journal, const std::string& name) {
+  return std::count_if(journal.begin(), journal.end(),
+                       [&](const Record& r) { return r.ev == "get" && r.name == name; });
+}
+
+long long TimeTaken(const std::vector<std::string>& log) {
+  for (const std::string& line : log) {
+    if (StartsWith(line, "Time taken: ")) return std::stoll(line.substr(12));
+  }
+  return -1;
+}
+
+// The sorted members of archive |path|, or the error of a listing that failed.
+std::vector<std::string> Members(const std::string& path) {
+  const Result list = Run({"tar", "-tzf", path});
+  if (list.status != 0) return {"error: " + list.err};
+  std::vector<std::string> members = Words(android::base::StringReplace(list.out, "\n", " ", true));
+  std::sort(members.begin(), members.end());
+  return members;
+}
+
+void Prepare(const Device& d, const Step& step) {
+  const auto [first, rest] = Head(step.arg);
+  const std::string path = d.Path(first);
+  if (step.verb == "setprop") {
+    d.SetProp(first, rest);
+  } else if (step.verb == "write") {
+    fs::create_directories(fs::path(path).parent_path());
+    if (path.back() == '/') return;
+    ASSERT_TRUE(android::base::WriteStringToFile(rest, path)) << path;
+  } else if (step.verb == "mtime") {
+    const struct timespec times[2] = {{std::stol(rest), 0}, {std::stol(rest), 0}};
+    ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW), 0) << path;
+  } else if (step.verb == "symlink") {
+    fs::create_symlink(first, d.Path(rest));
+  } else if (step.verb == "rm") {
+    fs::remove_all(path);
+  }
+}
+
+void Check(const Device& d, const Step& step, const std::vector<Record>& journal) {
+  const std::vector<std::string> log = Messages(journal);
+  const auto [first, rest] = Head(step.arg);
+  const std::vector<std::string> words = Words(step.arg);
+  if (step.verb == "nolog") {
+    for (const std::string& line : log) EXPECT_EQ(line.find(step.arg), std::string::npos) << line;
+  } else if (step.verb == "prop") {
+    EXPECT_EQ(d.Prop(first), rest.empty() ? std::nullopt : std::optional(rest)) << first;
+  } else if (step.verb == "reads") {
+    EXPECT_EQ(CountReads(journal, first), std::stoul(rest)) << first;
+  } else if (step.verb == "count") {
+    const size_t blank = step.arg.rfind(' ');
+    const std::string line = Unescape(step.arg.substr(0, blank));
+    EXPECT_EQ(std::count(log.begin(), log.end(), line), std::stol(step.arg.substr(blank + 1)));
+  } else if (step.verb == "took") {
+    EXPECT_GE(TimeTaken(log), std::stoll(words.at(0)));
+    EXPECT_LE(TimeTaken(log), std::stoll(words.at(1)));
+  } else if (step.verb == "file") {
+    EXPECT_EQ(Slurp(d.Path(first)), rest);
+  } else if (step.verb == "same") {
+    EXPECT_EQ(Slurp(d.Path(first)), Slurp(d.Path(rest))) << first << " and " << rest;
+  } else if (step.verb == "entries") {
+    EXPECT_EQ(Entries(d.Path(first)), std::vector<std::string>(words.begin() + 1, words.end()));
+  } else if (step.verb == "members") {
+    std::vector<std::string> expected(words.begin() + 1, words.end());
+    std::sort(expected.begin(), expected.end());
+    EXPECT_EQ(Members(d.Path(first)), expected);
+  } else if (step.verb == "mode") {
+    const fs::perms mode = static_cast<fs::perms>(std::stoul(rest, nullptr, 8));
+    EXPECT_EQ(fs::status(d.Path(first)).permissions(), mode) << first;
+    if (!fs::is_directory(d.Path(first))) return;
+    for (const auto& entry : fs::recursive_directory_iterator(d.Path(first))) {
+      EXPECT_EQ(entry.status().permissions(), mode) << entry.path();
+    }
+  } else if (!std::set<std::string>{"panic", "boot", "env", "setprop", "write", "mtime", "symlink",
+                                    "rm", "status", "log", "stdout"}
+                  .count(step.verb)) {
+    ADD_FAILURE() << "unknown check " << step.verb;
+  }
+}
+
+class ScenarioTest : public ::testing::TestWithParam<std::tuple<Scenario, std::string>> {};
+
+TEST_P(ScenarioTest, EndsAsDesigned) {
+  const auto& [scenario, userland] = GetParam();
+  Device device;
+  std::vector<std::string> panic, boot = {"--faketime", "@2024-05-01 03:04:05"};
+  std::map<std::string, std::string> env;
+  std::vector<std::string> statuses = {"wait", "running", "1"}, log, out;
+  for (const Step& step : scenario.steps) {
+    if (step.verb == "panic") panic = Words(step.arg);
+    if (step.verb == "boot") boot = Words(step.arg);
+    if (step.verb == "env") env.insert(Head(step.arg));
+    if (step.verb == "status") statuses = Words(step.arg);
+    if (step.verb == "log") log.push_back(Unescape(step.arg));
+    if (step.verb == "stdout") out.push_back(Unescape(step.arg));
+  }
+  device.Panic(panic);
+  for (const Step& step : scenario.steps) Prepare(device, step);
+  boot.insert(boot.begin(), {"--userland", userland});
+  const Result result = device.Boot(boot, env);
+
+  const std::vector<Record> journal = device.Journal();
+  const std::vector<std::string> messages = Messages(journal);
+  std::vector<std::string> seen;
+  for (const Record& r : journal) {
+    if (r.ev == "set" && r.name == "vendor.minidump.cp.status") seen.push_back(r.value);
+    if (r.ev == "log") {
+      EXPECT_EQ(r.buf + " " + r.tag, "system zq_mrdump_collect") << r.msg;
+    }
+  }
+  EXPECT_EQ(seen, statuses);
+  // An abnormal end leaves the status at "running", with no "Time taken: " and no exit status 0.
+  const bool normal = statuses.back() == "1";
+  EXPECT_EQ(result.status == 0, normal) << result.err;
+  EXPECT_EQ(TimeTaken(messages) >= 0, normal);
+  EXPECT_TRUE(InOrder(messages, log));
+  EXPECT_TRUE(InOrder(Split(result.out, "\n"), out));
+  for (const Step& step : scenario.steps) {
+    SCOPED_TRACE(StringPrintf("scenarios.txt:%d", step.line));
+    if (!step.host_only || userland == "host") Check(device, step, journal);
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Boots, ScenarioTest,
+                         ::testing::Combine(::testing::ValuesIn(LoadScenarios()),
+                                            ::testing::Values("host", "android")),
+                         [](const auto& info) {
+                           std::string name =
+                               std::get<0>(info.param).name + "_" + std::get<1>(info.param);
+                           for (char& c : name)
+                             c = isalnum(static_cast<unsigned char>(c)) ? c : '_';
+                           return name;
+                         });
+
+class BootsInARowTest : public ::testing::TestWithParam<const char*> {};
+
+TEST_P(BootsInARowTest, NumberCompressAndRotate) {
+  Device device;
+  const std::string dir = device.Path("mnt/vendor/zq_log/panic_log/");
+  auto name = [](int boot) { return StringPrintf("ZQpanic_%d_2024-05-01-03-%02d-05", boot, boot); };
+  auto whole = [&](int boot) {
+    return std::vector<std::string>{name(boot) + "/", name(boot) + "/db.00.tar.gz",
+                                    name(boot) + "/last_kmsg.txt"};
+  };
+  for (int boot = 0; boot <= 6; ++boot) {
+    SCOPED_TRACE(boot);
+    device.Panic();
+    const Result result = device.Boot(
+        {"--userland", GetParam(), "--faketime", StringPrintf("@2024-05-01 03:%02d:05", boot)});
+    ASSERT_EQ(result.status, 0) << result.err;
+    EXPECT_EQ(device.Prop("vendor.zq_dump.last_panic_log"), name(boot));
+    std::vector<std::string> expected;
+    for (int kept = std::max(0, boot - 4); kept < boot; ++kept)
+      expected.push_back(name(kept) + ".tar.gz");
+    expected.insert(expected.end(), {name(boot), name(boot) + ".tar.gz"});
+    EXPECT_EQ(Entries(dir), expected);
+    // The previous directory, compressed again by this boot's rotation, is whole.
+    if (boot > 0) {
+      EXPECT_EQ(Members(dir + name(boot - 1) + ".tar.gz"), whole(boot - 1));
+    }
+    fs::remove_all(device.Path("data/vendor/aee_exp/db.00"));
+  }
+  EXPECT_EQ(Entries(device.Path("data/vendor/dump_collect")).size(), 2u);
+  const std::vector<std::string> newest = Members(dir + name(6) + ".tar.gz");
+  if (std::string(GetParam()) == "android") {
+    // toybox's tar returns while its gzip child still writes, and the end of the run takes that
+    // child with it, as init does with a service's process group: the phone's userland may leave
+    // the newest archive cut short. Its directory beside it is whole, and the next boot
+    // compresses it again, as checked above.
+    EXPECT_TRUE(newest == whole(6) || newest[0].find("unexpected end of file") != std::string::npos)
+        << newest[0];
+  } else {
+    EXPECT_EQ(newest, whole(6));
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Userlands, BootsInARowTest, ::testing::Values("host", "android"));
+
+}  // namespace
