@@ -7,7 +7,6 @@
 #include <time.h>
 #include <unistd.h>
 
-#include <cctype>
 #include <cstdint>
 
 #include <android-base/stringprintf.h>
@@ -123,11 +122,11 @@ std::optional<std::string> JournalUnescape(std::string_view body) {
       continue;
     }
     if (body[i] != 'u' || i + 4 >= body.size()) return std::nullopt;
-    unsigned int code = 0;
+    size_t code = 0;
     for (const char digit : body.substr(i + 1, 4)) {
-      const size_t value = std::string_view("0123456789abcdef").find(tolower(digit));
+      const size_t value = std::string_view("0123456789abcdefABCDEF").find(digit);
       if (value == std::string_view::npos) return std::nullopt;
-      code = code * 16 + value;
+      code = code * 16 + (value < 16 ? value : value - 6);
     }
     if (code > 0xff) return std::nullopt;
     out += static_cast<char>(code);
