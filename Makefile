@@ -5,6 +5,9 @@ CMAKE_FLAGS ?=
 ifeq ($(SANITIZE),1)
 BUILD := build-sanitize
 CMAKE_FLAGS += -DSANITIZE=ON
+# libfaketime is preloaded ahead of the sanitizer runtime in the sandbox's time-shifted boots.
+export ASAN_OPTIONS ?= verify_asan_link_order=0:detect_leaks=1
+export UBSAN_OPTIONS ?= print_stacktrace=1:halt_on_error=1
 endif
 DEVSIM := devsim/zq-devsim
 PHONE := $(BUILD)/phone
