@@ -14,7 +14,9 @@ PHONE := $(BUILD)/phone
 JOBS ?= $(shell nproc)
 MAKEFLAGS += --no-print-directory
 
-.PHONY: all deps build test run clean format tidy
+FUZZ_SECONDS ?= 60
+
+.PHONY: all deps build test run fuzz clean format tidy
 
 all: build
 
@@ -41,11 +43,19 @@ run: build
 	@$(DEVSIM) getprop $(PHONE)
 	@$(DEVSIM) tree $(PHONE) data/vendor/dump_collect mnt/vendor/zq_log
 
+# Each fuzz target for FUZZ_SECONDS, built with clang, ASan and UBSan in build-fuzz.
+fuzz:
+	@scripts/install-deps --fuzz
+	@CC=clang CXX=clang++ cmake -S . -B build-fuzz -DFUZZ=ON -DBUILD_TESTING=OFF >/dev/null
+	@cmake --build build-fuzz -j $(JOBS)
+	@scripts/run-fuzzers build-fuzz $(FUZZ_SECONDS)
+
 format:
-	@clang-format -i zq_mrdump/*.cpp zq_mrdump/*.h host/*.cpp host/*.h host/include/sys/*.h tests/*.cpp tests/*.h
+	@clang-format -i zq_mrdump/*.cpp zq_mrdump/*.h host/*.cpp host/*.h host/include/sys/*.h \
+	  tests/*.cpp tests/*.h fuzz/*.cpp fuzz/*.h
 
 tidy: build
 	@clang-tidy -p $(BUILD) --quiet zq_mrdump/*.cpp host/*.cpp
 
 clean:
-	@rm -rf build build-sanitize
+	@rm -rf build build-sanitize build-fuzz
