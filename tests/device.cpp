@@ -100,6 +100,11 @@ Device::Device() : root_(std::string(dir_.path) + "/phone") {
   EXPECT_EQ(init.status, 0) << init.err;
 }
 
+void Device::CopyFrom(const Device& other) const {
+  const Result copy = Run({"cp", "-a", other.root_ + "/.", root_});
+  ASSERT_EQ(copy.status, 0) << copy.err;
+}
+
 void Device::Panic(const std::vector<std::string>& options) const {
   std::vector<std::string> argv = {ZQ_DEVSIM, "panic",     root_, "--kmsg-size",
                                    "64",      "--db-size", "96"};

@@ -41,6 +41,8 @@ class Device {
   Device();
 
   std::string Path(const std::string& relative) const { return root_ + "/" + relative; }
+  // Makes this phone's files, properties and log those of |other|.
+  void CopyFrom(const Device& other) const;
   // zq-devsim panic with |options|, with evidence small enough for fast tests.
   void Panic(const std::vector<std::string>& options = {}) const;
   // zq-devsim boot with |options|, in UTC.

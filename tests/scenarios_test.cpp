@@ -281,4 +281,59 @@ INSTANTIATE_TEST_SUITE_P(Boots, CrashLoopTest,
                                   (std::get<1>(info.param) ? "_frozen_clock" : "_moving_clock");
                          });
 
+// The power cut at each change a boot makes to the persistent partitions, each followed by a
+// normal boot, on a phone with history: staging folders to retire and archives to rotate.
+class KillPointTest : public ::testing::TestWithParam<std::string> {};
+
+TEST_P(KillPointTest, TheNextBootMakesGoodACutAnywhere) {
+  const std::string userland = GetParam();
+  Device history;
+  for (int boot = 0; boot < 7; ++boot) {
+    fs::remove_all(history.Path("data/vendor/aee_exp/db.00"));
+    history.Panic();
+    if (boot == 6) break;  // the panic that the cut boot finds
+    ASSERT_EQ(history.Boot({"--faketime", StringPrintf("@2024-05-01 03:0%d:05", boot)}).status, 0);
+  }
+  const std::string kmsg = Slurp(history.Path("data/vendor/aee_exp/last_kmsg.txt"));
+  auto boot = [&](const Device& d, const std::string& cut, const char* time) {
+    return d.Boot({"--userland", userland, "--power-cut", cut, "--faketime", time});
+  };
+  Device counted;
+  counted.CopyFrom(history);
+  const std::string count = boot(counted, "0", "@2024-05-01 03:10:05").err;
+  const size_t changes = std::stoul(count.substr(count.find("zq-power-cut: ") + 14));
+  ASSERT_GT(changes, 20u) << count;
+
+  for (size_t k = 1; k <= changes; ++k) {
+    SCOPED_TRACE(StringPrintf("power cut at change %zu of %zu", k, changes));
+    Device device;
+    device.CopyFrom(history);
+    ASSERT_EQ(boot(device, std::to_string(k), "@2024-05-01 03:10:05").status, 137);
+    const Result next = boot(device, "0", "@2024-05-01 03:11:05");
+    ASSERT_EQ(next.status, 0) << next.err;
+    EXPECT_EQ(device.Prop("vendor.minidump.cp.status"), "1");
+
+    const std::string dir = device.Path("mnt/vendor/zq_log/panic_log/");
+    std::map<long long, std::string> names;  // count to name: a count never names two archives
+    std::vector<std::string> directories;
+    size_t archives = 0;
+    for (const std::string& entry : Entries(dir)) {
+      const std::string stem = entry.substr(0, entry.find(".tar.gz"));
+      const std::vector<std::string> fields = Split(stem, "_");
+      ASSERT_EQ(fields.size(), 3u) << entry;
+      EXPECT_EQ(names.emplace(std::stoll(fields[1]), stem).first->second, stem) << entry;
+      if (fs::is_directory(dir + entry)) directories.push_back(entry);
+      archives += entry != stem;
+    }
+    ASSERT_EQ(directories.size(), 1u);
+    EXPECT_EQ(directories[0], names.rbegin()->second) << "the newest archive is the directory";
+    EXPECT_EQ(Slurp(dir + directories[0] + "/last_kmsg.txt"), kmsg);
+    EXPECT_LE(archives, 5u);
+    EXPECT_LE(Entries(device.Path("data/vendor/dump_collect")).size(), 2u);
+  }
+  std::cout << userland << ": " << changes << " kill points tried\n";
+}
+
+INSTANTIATE_TEST_SUITE_P(Boots, KillPointTest, ::testing::Values("host", "android"));
+
 }  // namespace
