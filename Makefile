@@ -16,7 +16,9 @@ MAKEFLAGS += --no-print-directory
 
 FUZZ_SECONDS ?= 60
 
-.PHONY: all deps build test run fuzz clean format tidy
+BENCH_RUNS ?= 5
+
+.PHONY: all deps build test run fuzz bench clean format tidy
 
 all: build
 
@@ -49,6 +51,11 @@ fuzz:
 	@CC=clang CXX=clang++ cmake -S . -B build-fuzz -DFUZZ=ON -DBUILD_TESTING=OFF >/dev/null
 	@cmake --build build-fuzz -j $(JOBS)
 	@scripts/run-fuzzers build-fuzz $(FUZZ_SECONDS)
+
+# The daemon's cost on a realistic panic against the floor of its own commands; bench/RESULTS.md.
+bench: build
+	@scripts/install-deps --bench
+	@bench/run-bench $(BUILD) $(BENCH_RUNS)
 
 format:
 	@clang-format -i zq_mrdump/*.cpp zq_mrdump/*.h host/*.cpp host/*.h host/include/sys/*.h \

@@ -1,5 +1,4 @@
-// The two parses that staging rests on: where the exception database lives, and which line of
-// its record is the restart reason.
+// Which line of the exception record becomes the restart reason, read back from the property.
 #include <cutils/properties.h>
 
 #include <android-base/file.h>
@@ -9,20 +8,6 @@
 #include "staging.h"
 
 namespace {
-
-TEST(StagingParseTest, ExceptionFolderOfTheDatabaseProperty) {
-  const std::pair<const char*, const char*> cases[] = {
-      {"1:/data/vendor/aee_exp/db.01", "/data/vendor/aee_exp/"},
-      {"1:/data/vendor/aee_exp/", "/data/vendor/aee_exp/"},
-      {"1:/db.01", "/"},
-      {"a:b:/x/db", "b:/x/"},  // only the first ':' separates
-      {"", ""},
-      {"/data/vendor/aee_exp/db.01", ""},
-      {"1:", ""},
-      {"1:db.01", ""},
-  };
-  for (const auto& [value, folder] : cases) EXPECT_EQ(extractKEPath(value), folder) << value;
-}
 
 TEST(StagingParseTest, RestartReasonIsTheFirstKeAtLineUpToItsComma) {
   InProcessPlatform platform;
