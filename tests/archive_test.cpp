@@ -12,17 +12,6 @@
 
 namespace {
 
-TEST(ArchiveLogTest, ParseErrorsNameTheFieldCount) {
-  InProcessPlatform platform;
-  for (const char* name : {"ZQpanic_x_2024.tar.gz", "ZQpanic_3_2024_05.tar.gz", "README"}) {
-    get_boot_count_by_file_name(name);
-  }
-  EXPECT_EQ(platform.Log(),
-            (std::vector<std::string>{"error file name ZQpanic_x_2024.tar.gz ret.size() 3",
-                                      "error file name ZQpanic_3_2024_05.tar.gz ret.size() 4",
-                                      "error file name README ret.size() 1"}));
-}
-
 TEST(ArchiveLogTest, AnInvalidIndexIsLoggedUntagged) {
   for (const unsigned int type : {5U, 100U, 4294967295U}) {
     SCOPED_TRACE(type);

@@ -246,9 +246,8 @@ TEST_P(CrashLoopTest, EveryPanicIsArchivedAndStorageStaysBounded) {
     fs::remove_all(device.Path("data/vendor/aee_exp/db.00"));
     device.Panic();
     const std::string kmsg = Slurp(device.Path("data/vendor/aee_exp/last_kmsg.txt"));
-    const Result result =
-        device.Boot({"--userland", userland, "--faketime",
-                     "@" + time(boot).replace(10, 1, " ").replace(13, 1, ":").replace(16, 1, ":")});
+    const Result result = device.Boot({"--userland", userland, "--faketime",
+                                       StringPrintf("@2024-05-01 03:%02d:05", frozen ? 4 : boot)});
     ASSERT_EQ(result.status, 0) << result.err;
     ASSERT_EQ(device.Prop("vendor.minidump.cp.status"), "1");
     EXPECT_EQ(device.Prop("vendor.zq_dump.last_panic_log"), name(boot));
