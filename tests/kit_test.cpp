@@ -1,7 +1,8 @@
 // The integration kit against what the daemon really uses: a renamed path or property must fail
 // here, not on a phone.
+#include <regex.h>
+
 #include <filesystem>
-#include <regex>
 #include <set>
 #include <string>
 
@@ -25,7 +26,10 @@ std::string ContextOf(const std::string& entries, const std::string& path) {
   for (const std::string& line : Split(entries, "\n")) {
     const std::vector<std::string> f = Split(line, " ");
     if (line.empty() || line[0] == '#') continue;
-    if (std::regex_match(path, std::regex(f.front()))) context = f.back();
+    regex_t whole = {};  // file_contexts patterns match whole paths
+    if (regcomp(&whole, ("^(" + f.front() + ")$").c_str(), REG_EXTENDED | REG_NOSUB) != 0) continue;
+    if (regexec(&whole, path.c_str(), 0, nullptr, 0) == 0) context = f.back();
+    regfree(&whole);
   }
   return context;
 }
