@@ -61,8 +61,11 @@ format:
 	@clang-format -i zq_mrdump/*.cpp zq_mrdump/*.h host/*.cpp host/*.h host/include/sys/*.h \
 	  tests/*.cpp tests/*.h fuzz/*.cpp fuzz/*.h
 
+# The counts of warnings clang-tidy suppressed in system headers are left out.
 tidy: build
-	@clang-tidy -p $(BUILD) --quiet zq_mrdump/*.cpp host/*.cpp
+	@bash -o pipefail -c 'clang-tidy -p $(BUILD) --quiet zq_mrdump/*.cpp host/*.cpp 2>&1 | \
+	  { grep -v "warnings generated" || true; }'
+	@echo "tidy: zq_mrdump/ and host/ are clean"
 
 clean:
 	@rm -rf build build-sanitize build-fuzz
