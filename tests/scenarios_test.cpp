@@ -1,5 +1,5 @@
 // Runs the boots of scenarios.txt on simulated phones, each with the workstation's tools and with
-// the phone's, and the boots in a row that number, compress and rotate the archives.
+// the phone's; then a crash loop of 50 boots, and a power cut at every change a boot makes.
 #include <sys/stat.h>
 
 #include <filesystem>
