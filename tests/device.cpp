@@ -10,6 +10,17 @@
 #include <android-base/logging.h>
 #include <android-base/strings.h>
 
+namespace {
+
+// A property file's value; no file is an unset property.
+std::optional<std::string> ReadProperty(const std::string& path) {
+  std::string value;
+  if (!android::base::ReadFileToString(path, &value)) return std::nullopt;
+  return value;
+}
+
+}  // namespace
+
 Result Run(const std::vector<std::string>& argv, const std::map<std::string, std::string>& env) {
   TemporaryFile out;
   TemporaryFile err;
@@ -124,9 +135,7 @@ Result Device::Boot(const std::vector<std::string>& options,
 }
 
 std::optional<std::string> Device::Prop(const std::string& name) const {
-  std::string value;
-  if (!android::base::ReadFileToString(Path("properties/" + name), &value)) return std::nullopt;
-  return value;
+  return ReadProperty(Path("properties/" + name));
 }
 
 void Device::SetProp(const std::string& name, const std::string& value) const {
@@ -151,7 +160,5 @@ std::string InProcessPlatform::AreaPath(const std::string& name) const {
 }
 
 std::optional<std::string> InProcessPlatform::Prop(const std::string& name) const {
-  std::string value;
-  if (!android::base::ReadFileToString(AreaPath(name), &value)) return std::nullopt;
-  return value;
+  return ReadProperty(AreaPath(name));
 }

@@ -20,12 +20,23 @@ std::string Kit(const std::string& name) {
   return Slurp(std::string(ZQ_SOURCE_DIR) + "/zq_mrdump/" + name);
 }
 
+// The blank-separated fields of each line of a contexts file, comments left out.
+std::vector<std::vector<std::string>> Fields(const std::string& text) {
+  std::vector<std::vector<std::string>> lines;
+  for (const std::string& line : Split(text, "\n")) {
+    if (line.empty() || line[0] == '#') continue;
+    lines.emplace_back();
+    for (const std::string& field : Split(line, " ")) {
+      if (!field.empty()) lines.back().push_back(field);
+    }
+  }
+  return lines;
+}
+
 // The context that |entries| ("regex context" lines) give |path|, as file_contexts matches.
 std::string ContextOf(const std::string& entries, const std::string& path) {
   std::string context;
-  for (const std::string& line : Split(entries, "\n")) {
-    const std::vector<std::string> f = Split(line, " ");
-    if (line.empty() || line[0] == '#') continue;
+  for (const std::vector<std::string>& f : Fields(entries)) {
     regex_t whole = {};  // file_contexts patterns match whole paths
     if (regcomp(&whole, ("^(" + f.front() + ")$").c_str(), REG_EXTENDED | REG_NOSUB) != 0) continue;
     if (regexec(&whole, path.c_str(), 0, nullptr, 0) == 0) context = f.back();
@@ -46,13 +57,10 @@ TEST(KitTest, CoversEveryPathAndPropertyOfABoot) {
   }
   const std::string properties = Kit("sepolicy/property_contexts");
   for (const std::string& name : names) {
-    bool covered = false;
-    for (const std::string& line : Split(properties, "\n")) {
-      const std::vector<std::string> f = Split(line, " ");
-      if (line.empty() || line[0] == '#') continue;
-      covered |= f.back() == "string" &&
-                 (name == f.front() ||
-                  (line.find(" prefix ") != std::string::npos && name.rfind(f.front(), 0) == 0));
+    bool covered = false;  // by "name context exact|prefix string"
+    for (const std::vector<std::string>& f : Fields(properties)) {
+      covered |= f.size() == 4 && f[3] == "string" &&
+                 (name == f[0] || (f[2] == "prefix" && name.rfind(f[0], 0) == 0));
     }
     // The exception engine's properties are the platform's to label; the daemon reads them.
     const bool platform = name.rfind("vendor.debug.mtk.aeev.", 0) == 0;
@@ -62,8 +70,8 @@ TEST(KitTest, CoversEveryPathAndPropertyOfABoot) {
 
   const std::string files = Kit("sepolicy/file_contexts");
   const std::string staging_root = gDumpCollectDir.substr(0, gDumpCollectDir.size() - 1);
-  const std::string log_root = kLogTypes[4].log_dir.substr(
-      0, kLogTypes[4].log_dir.rfind('/', kLogTypes[4].log_dir.size() - 2));
+  const std::string log_root =
+      std::filesystem::path(kLogTypes[4].log_dir).parent_path().parent_path();
   for (const std::string& path :
        {std::string("/vendor/bin/zq_mrdump_collect"), staging_root,
         staging_root + "/panic_log_2024-05-01-03-04-05/last_kmsg.txt", log_root,

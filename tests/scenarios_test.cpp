@@ -111,7 +111,8 @@ long long TimeTaken(const std::vector<std::string>& log) {
 std::vector<std::string> Members(const std::string& path) {
   const Result list = Run({"tar", "-tzf", path});
   if (list.status != 0) return {"error: " + list.err};
-  std::vector<std::string> members = Words(android::base::StringReplace(list.out, "\n", " ", true));
+  std::vector<std::string> members = Split(list.out, "\n");
+  members.pop_back();  // after the last line feed
   std::sort(members.begin(), members.end());
   return members;
 }
@@ -135,8 +136,8 @@ void Prepare(const Device& d, const Step& step) {
   }
 }
 
-void Check(const Device& d, const Step& step, const std::vector<Record>& journal) {
-  const std::vector<std::string> log = Messages(journal);
+void Check(const Device& d, const Step& step, const std::vector<Record>& journal,
+           const std::vector<std::string>& log) {
   const auto [first, rest] = Head(step.arg);
   const std::vector<std::string> words = Words(step.arg);
   if (step.verb == "nolog") {
@@ -225,7 +226,7 @@ TEST_P(ScenarioTest, EndsAsDesigned) {
   EXPECT_TRUE(InOrder(Split(result.out, "\n"), out));
   for (const Step& step : steps) {
     SCOPED_TRACE(StringPrintf("scenarios.txt:%d", step.line));
-    Check(device, step, journal);
+    Check(device, step, journal, messages);
   }
 }
 
