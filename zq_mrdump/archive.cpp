@@ -86,7 +86,7 @@ void copy_panic_log(uint32_t type) {
     (void)snprintf(buffer, sizeof(buffer), "%s", command.c_str());
   }
   LOG(INFO) << tag << "copy_panic_log: " << buffer;
-  system(buffer);  // a failed copy is not reported: whatever arrived is archived
+  RunCommand(buffer);  // a failed copy is not reported: whatever arrived is archived
 }
 
 int prepare_type_log_and_dir(unsigned int type) {
@@ -211,7 +211,7 @@ int tar_and_delete_dir(std::string dir, bool remove_dir) {
   // Names the last compression attempted, whatever its category and outcome.
   property_set(kLastPanicLogProperty, base.c_str());
   LOG(INFO) << command << std::endl;
-  if (system(command.c_str()) != 0) {
+  if (RunCommand(command) != 0) {
     LOG(INFO) << parent << " save failed" << std::endl;
   } else {
     LOG(INFO) << parent << "/" << base << " save as " << archive << std::endl;

@@ -13,6 +13,7 @@
 #include <android-base/logging.h>
 
 #include "log_types.h"
+#include "zq_mrdump_collect.h"
 
 namespace fs = std::filesystem;
 
@@ -58,7 +59,7 @@ int copy_aee_files() {
   const std::string copy_kmsg =
       std::string("cp ") + kLastKmsg + " " + gPanicLogDir + "/last_kmsg.txt";
   // Logged after it ran, unlike the archive command below.
-  if (system(copy_kmsg.c_str()) != 0) {
+  if (RunCommand(copy_kmsg) != 0) {
     LOG(INFO) << copy_kmsg << " failed";
   } else {
     LOG(INFO) << copy_kmsg;
@@ -67,7 +68,7 @@ int copy_aee_files() {
   const std::string archive = gPanicLogDir + "/" + db_name + ".tar.gz";
   const std::string tar_db = "tar -zcvf " + archive + " -C " + ke_folder + " " + db_name;
   LOG(INFO) << tar_db;
-  if (system(tar_db.c_str()) != 0) {
+  if (RunCommand(tar_db) != 0) {
     LOG(INFO) << ke_folder << " save failed";
   } else {
     LOG(INFO) << ke_folder << " save as " << archive;
@@ -93,7 +94,7 @@ void copy_to_dump_collect() {
 
   const std::string chmod_staging = "chmod -R 0770 " + gDumpCollectDir;
   LOG(INFO) << chmod_staging;
-  if (system(chmod_staging.c_str()) != 0) {
+  if (RunCommand(chmod_staging) != 0) {
     LOG(INFO) << "Error: " << chmod_staging << " failed";
   }
 }

@@ -3,7 +3,10 @@
 #include "zq_mrdump_collect.h"
 
 #include <cutils/properties.h>
+#include <signal.h>
 #include <stdlib.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
 #include <time.h>
 
 #include <chrono>
@@ -76,6 +79,37 @@ std::string GetCurrentTimestamp() {
   return text.str();
 }
 
+int RunCommand(const std::string& command, std::chrono::milliseconds bound) {
+  const int result = system(command.c_str());
+  // toybox's tar returns while its gzip still writes the archive; init would kill that gzip with
+  // the service's process group when the run ends, so whatever the command left is waited for.
+  sigset_t child_exit;
+  sigset_t previous;
+  sigemptyset(&child_exit);
+  sigaddset(&child_exit, SIGCHLD);
+  sigprocmask(SIG_BLOCK, &child_exit, &previous);
+  const auto deadline = std::chrono::steady_clock::now() + bound;
+  while (true) {
+    const pid_t pid = waitpid(-1, nullptr, WNOHANG);
+    if (pid > 0) continue;
+    if (pid < 0) break;  // none left
+    const auto left = deadline - std::chrono::steady_clock::now();
+    if (left <= std::chrono::steady_clock::duration::zero()) {
+      LOG(WARNING) << command << " left a process running after "
+                   << std::chrono::duration_cast<std::chrono::seconds>(bound).count()
+                   << " s, going on without it";
+      break;
+    }
+    const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(left);
+    const struct timespec timeout = {seconds.count(),
+                                     std::chrono::nanoseconds(left - seconds).count()};
+    // Blocked, a SIGCHLD stays pending until taken here: no exit between the checks is missed.
+    sigtimedwait(&child_exit, nullptr, &timeout);
+  }
+  sigprocmask(SIG_SETMASK, &previous, nullptr);
+  return result;
+}
+
 std::string getCurrentTimeFormatted() {
   const time_t now = time(nullptr);
   const struct tm* local = localtime(&now);  // not re-entrant; the daemon has one thread
@@ -90,6 +124,10 @@ int main(int /*argc*/, char** argv) {
   android::base::InitLogging(argv, android::base::LogdLogger(android::base::SYSTEM),
                              android::base::DefaultAborter);
   LOG(INFO) << "zq_mrdump_collect start!!";
+  // Orphans of the shell commands come to the daemon, so that RunCommand can wait for them.
+  if (prctl(PR_SET_CHILD_SUBREAPER, 1) != 0) {
+    PLOG(WARNING) << "prctl(PR_SET_CHILD_SUBREAPER)";
+  }
   property_set(kStatusProperty, "wait");
   const auto start = std::chrono::steady_clock::now();
 
