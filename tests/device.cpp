@@ -62,7 +62,7 @@ std::vector<Record> ReadJournal(const std::string& path) {
       {"jq", "-j",
        R"(.ev, "\u0000", .buf // "", "\u0000", .prio // "", "\u0000", .tag // "", "\u0000", .msg // "",
                                 "\u0000", .name // "", "\u0000", .value // "", "\u0000", .ok // false,
-                                "\u0000")",
+                                "\u0000", .mono_ns, "\u0000")",
        path});
   EXPECT_EQ(fields.status, 0) << path << ": " << fields.err;
   // jq writes each \u00XX as UTF-8; the journal means the byte XX.
@@ -78,9 +78,9 @@ std::vector<Record> ReadJournal(const std::string& path) {
   }
   const std::vector<std::string> f = android::base::Split(bytes, std::string(1, '\0'));
   std::vector<Record> records;
-  for (size_t i = 0; i + 8 < f.size(); i += 8) {
-    records.push_back(
-        {f[i], f[i + 1], f[i + 2], f[i + 3], f[i + 4], f[i + 5], f[i + 6], f[i + 7] == "true"});
+  for (size_t i = 0; i + 9 < f.size(); i += 9) {
+    records.push_back({f[i], f[i + 1], f[i + 2], f[i + 3], f[i + 4], f[i + 5], f[i + 6],
+                       f[i + 7] == "true", std::stoll(f[i + 8])});
   }
   return records;
 }
@@ -91,6 +91,15 @@ std::vector<std::string> Messages(const std::vector<Record>& journal) {
     if (r.ev == "log") messages.push_back(r.msg);
   }
   return messages;
+}
+
+std::vector<std::string> Members(const std::string& path) {
+  const Result list = Run({"tar", "-tzf", path});
+  if (list.status != 0) return {"error: " + list.err};
+  std::vector<std::string> members = android::base::Split(list.out, "\n");
+  members.pop_back();  // after the last line feed
+  std::sort(members.begin(), members.end());
+  return members;
 }
 
 ::testing::AssertionResult InOrder(const std::vector<std::string>& lines,
@@ -141,6 +150,35 @@ std::optional<std::string> Device::Prop(const std::string& name) const {
 void Device::SetProp(const std::string& name, const std::string& value) const {
   const Result set = Run({ZQ_DEVSIM, "setprop", root_, name, value});
   ASSERT_EQ(set.status, 0) << set.err;
+}
+
+void ExpectWholeArchives(const Device& d, bool exact, const std::string& except) {
+  const std::map<std::string, std::vector<std::string>> kinds = {
+      {"db.", {"SYS_KERNEL_LOG", "SYS_MINI_RDUMP", "ZZ_INTERNAL", "__exp_main.txt"}},
+      {"ZQpanic_", {"db.00.tar.gz", "last_kmsg.txt"}}};
+  for (const char* partition : {"data", "mnt"}) {
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(d.Path(partition))) {
+      const std::string path = entry.path();
+      const std::string name = entry.path().filename();
+      if (!android::base::EndsWith(name, ".tar.gz") || !entry.is_regular_file()) continue;
+      if (!except.empty() && android::base::StartsWith(path, d.Path(except))) continue;
+      const std::string stem = name.substr(0, name.size() - 7);
+      std::vector<std::string> expected = {stem + "/"};
+      for (const auto& [prefix, files] : kinds) {
+        if (!android::base::StartsWith(stem, prefix)) continue;
+        for (const std::string& file : files) expected.push_back(stem + "/" + file);
+      }
+      std::sort(expected.begin(), expected.end());
+      const std::vector<std::string> members = Members(path);
+      if (exact) {
+        EXPECT_EQ(members, expected) << path;
+        continue;
+      }
+      EXPECT_TRUE(std::binary_search(members.begin(), members.end(), stem + "/")) << path;
+      EXPECT_TRUE(std::includes(expected.begin(), expected.end(), members.begin(), members.end()))
+          << path << ": " << android::base::Join(members, " ");
+    }
+  }
 }
 
 InProcessPlatform::InProcessPlatform() {

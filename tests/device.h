@@ -14,6 +14,7 @@
 struct Record {
   std::string ev, buf, prio, tag, msg, name, value;
   bool ok = false;
+  long long mono_ns = 0;
 };
 
 struct Result {
@@ -32,6 +33,8 @@ std::vector<std::string> Entries(const std::string& dir);
 std::vector<Record> ReadJournal(const std::string& path);
 // The messages of the log records, in order.
 std::vector<std::string> Messages(const std::vector<Record>& journal);
+// The sorted members of archive |path|, or the error of a listing that failed.
+std::vector<std::string> Members(const std::string& path);
 // Whether |lines| holds all of |expected|, in that order.
 ::testing::AssertionResult InOrder(const std::vector<std::string>& lines,
                                    const std::vector<std::string>& expected);
@@ -56,6 +59,11 @@ class Device {
   TemporaryDir dir_;
   std::string root_;
 };
+
+// Every .tar.gz under |d|'s data/ and mnt/, except those under |except|, is a complete gzip of a
+// complete tar that holds its own folder and only what the daemon puts in one (with |exact|, all
+// of it): a staged exception database, or a panic archive of the kernel log and that database.
+void ExpectWholeArchives(const Device& d, bool exact, const std::string& except = "");
 
 class InProcessPlatform {
  public:

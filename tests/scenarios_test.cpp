@@ -107,16 +107,6 @@ long long TimeTaken(const std::vector<std::string>& log) {
   return -1;
 }
 
-// The sorted members of archive |path|, or the error of a listing that failed.
-std::vector<std::string> Members(const std::string& path) {
-  const Result list = Run({"tar", "-tzf", path});
-  if (list.status != 0) return {"error: " + list.err};
-  std::vector<std::string> members = Split(list.out, "\n");
-  members.pop_back();  // after the last line feed
-  std::sort(members.begin(), members.end());
-  return members;
-}
-
 void Prepare(const Device& d, const Step& step) {
   const auto [first, rest] = Head(step.arg);
   const std::string path = d.Path(first);
@@ -152,7 +142,9 @@ void Check(const Device& d, const Step& step, const std::vector<Record>& journal
     EXPECT_EQ(std::count(log.begin(), log.end(), line), std::stol(step.arg.substr(blank + 1)));
   } else if (step.verb == "took") {
     EXPECT_GE(TimeTaken(log), std::stoll(words.at(0)));
-    EXPECT_LE(TimeTaken(log), std::stoll(words.at(1)));
+    if (words.size() > 1) {
+      EXPECT_LE(TimeTaken(log), std::stoll(words.at(1)));
+    }
   } else if (step.verb == "file") {
     EXPECT_EQ(Slurp(d.Path(first)), rest);
   } else if (step.verb == "same") {
@@ -222,6 +214,10 @@ TEST_P(ScenarioTest, EndsAsDesigned) {
   const bool normal = statuses.back() == "1";
   EXPECT_EQ(result.status == 0, normal) << result.err;
   EXPECT_EQ(TimeTaken(messages) >= 0, normal);
+  // Within what the journal saw of the run, on the same clock, however fast that clock ran.
+  if (normal) {
+    EXPECT_LE(TimeTaken(messages), (journal.back().mono_ns - journal.front().mono_ns) / 1'000'000);
+  }
   EXPECT_TRUE(InOrder(messages, log));
   EXPECT_TRUE(InOrder(Split(result.out, "\n"), out));
   for (const Step& step : steps) {
@@ -279,6 +275,7 @@ TEST_P(CrashLoopTest, EveryPanicIsArchivedAndStorageStaysBounded) {
           {"tar", "-xzOf", dir + name(boot - 1) + ".tar.gz", name(boot - 1) + "/last_kmsg.txt"});
       EXPECT_TRUE(archived.status == 0 && archived.out == previous_kmsg) << archived.err;
     }
+    ExpectWholeArchives(device, true);
     previous_kmsg = kmsg;
   }
 }
@@ -312,17 +309,16 @@ TEST_P(KillPointTest, TheNextBootMakesGoodACutAnywhere) {
   auto boot = [&](const Device& d, const std::string& cut, const char* time) {
     return d.Boot({"--userland", userland, "--power-cut", cut, "--faketime", time}, env);
   };
-  Device counted;
-  counted.CopyFrom(history);
-  const std::string count = boot(counted, "0", "@2024-05-01 03:10:05").err;
-  const size_t changes = std::stoul(count.substr(count.find("zq-power-cut: ") + 14));
-  ASSERT_GT(changes, 20u) << count;
-
-  for (size_t k = 1; k <= changes; ++k) {
-    SCOPED_TRACE(StringPrintf("power cut at change %zu of %zu", k, changes));
+  // Cut at the first change, the second, ... until a boot makes fewer changes than the cut
+  // waits for and ends on its own: no count taken from another boot decides where to stop.
+  size_t k = 1;
+  for (;; ++k) {
+    SCOPED_TRACE(StringPrintf("power cut at change %zu", k));
     Device device;
     device.CopyFrom(history);
-    ASSERT_EQ(boot(device, std::to_string(k), "@2024-05-01 03:10:05").status, 137);
+    const Result cut = boot(device, std::to_string(k), "@2024-05-01 03:10:05");
+    if (cut.status == 0) break;
+    ASSERT_EQ(cut.status, 137) << cut.err;
     const Result next = boot(device, "0", "@2024-05-01 03:11:05");
     ASSERT_EQ(next.status, 0) << next.err;
     EXPECT_EQ(device.Prop("vendor.minidump.cp.status"), "1");
@@ -344,8 +340,11 @@ TEST_P(KillPointTest, TheNextBootMakesGoodACutAnywhere) {
     EXPECT_EQ(Slurp(dir + directories[0] + "/last_kmsg.txt"), kmsg);
     EXPECT_LE(archives, 5u);
     EXPECT_LE(Entries(device.Path("data/vendor/dump_collect")).size(), 2u);
+    // Only what the cut boot was writing in its own staging folder may be cut short.
+    ExpectWholeArchives(device, false, "data/vendor/dump_collect/panic_log_2024-05-01-03-10-05");
   }
-  std::cout << userland << ": " << changes << " kill points tried\n";
+  EXPECT_GT(k, 20u) << "a boot makes a few dozen changes";
+  std::cout << userland << ": " << k - 1 << " kill points tried\n";
 }
 
 INSTANTIATE_TEST_SUITE_P(Boots, KillPointTest, ::testing::Values("host", "android"));
