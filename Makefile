@@ -29,8 +29,10 @@ build: deps
 	@cmake -S . -B $(BUILD) $(CMAKE_FLAGS) >/dev/null
 	@cmake --build $(BUILD) -j $(JOBS)
 
+# REPEAT=N runs the suite N times and stops at the first failure.
+REPEAT ?= 1
 test: build
-	@cd $(BUILD) && ctest --output-on-failure -j $(JOBS)
+	@cd $(BUILD) && ctest --output-on-failure -j $(JOBS) --repeat until-fail:$(REPEAT)
 
 # Seven panics in a row, a minute apart: the first dump still in progress at boot, the archive
 # numbered, compressed on the next boot and rotated past its limit of five.
