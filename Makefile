@@ -18,6 +18,8 @@ FUZZ_SECONDS ?= 60
 
 BENCH_RUNS ?= 5
 
+BP_FILES := zq_mrdump/Android.bp tests/Android.bp
+
 .PHONY: all deps build test run fuzz bench clean format tidy
 
 all: build
@@ -63,11 +65,14 @@ format:
 	@clang-format -i zq_mrdump/*.cpp zq_mrdump/*.h host/*.cpp host/*.h host/include/sys/*.h \
 	  tests/*.cpp tests/*.h fuzz/*.cpp fuzz/*.h
 
-# The counts of warnings clang-tidy suppressed in system headers are left out.
+# The counts of warnings clang-tidy suppressed in system headers are left out. bpfmt is the
+# formatter of AOSP's upload checks.
 tidy: build
 	@bash -o pipefail -c 'clang-tidy -p $(BUILD) --quiet zq_mrdump/*.cpp host/*.cpp 2>&1 | \
 	  { grep -v "warnings generated" || true; }'
 	@echo "tidy: zq_mrdump/ and host/ are clean"
+	@bpfmt -d $(BP_FILES) | { ! grep .; } || { echo "tidy: run bpfmt -w $(BP_FILES)"; exit 1; }
+	@echo "tidy: $(BP_FILES) are bpfmt-clean"
 
 clean:
 	@rm -rf build build-sanitize build-fuzz
