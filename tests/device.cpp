@@ -10,16 +10,7 @@
 #include <android-base/logging.h>
 #include <android-base/strings.h>
 
-namespace {
-
-// A property file's value; no file is an unset property.
-std::optional<std::string> ReadProperty(const std::string& path) {
-  std::string value;
-  if (!android::base::ReadFileToString(path, &value)) return std::nullopt;
-  return value;
-}
-
-}  // namespace
+#include "journal.h"
 
 Result Run(const std::vector<std::string>& argv, const std::map<std::string, std::string>& env) {
   TemporaryFile out;
@@ -41,10 +32,14 @@ Result Run(const std::vector<std::string>& argv, const std::map<std::string, std
           Slurp(err.path)};
 }
 
-std::string Slurp(const std::string& path) {
+std::optional<std::string> Read(const std::string& path) {
   std::string text;
-  android::base::ReadFileToString(path, &text);
+  if (!android::base::ReadFileToString(path, &text)) return std::nullopt;
   return text;
+}
+
+std::string Slurp(const std::string& path) {
+  return Read(path).value_or("");
 }
 
 std::vector<std::string> Entries(const std::string& dir) {
@@ -56,31 +51,28 @@ std::vector<std::string> Entries(const std::string& dir) {
   return names;
 }
 
+// The value of |key| in a journal line, as the host layer writes it: "key":"escaped bytes" or
+// "key":number or bool. An escaped quote never ends a string, so no value hides a key.
+std::string Field(const std::string& line, const std::string& key) {
+  const size_t at = line.find("\"" + key + "\":");
+  if (at == std::string::npos) return "";
+  size_t begin = at + key.size() + 3;
+  if (line[begin] != '"') return line.substr(begin, line.find_first_of(",}", begin) - begin);
+  size_t end = begin;
+  while (++end < line.size() && line[end] != '"') end += line[end] == '\\' ? 1 : 0;
+  const auto value = host::JournalUnescape(line.substr(begin + 1, end - begin - 1));
+  EXPECT_TRUE(value.has_value()) << line;
+  return value.value_or("");
+}
+
 std::vector<Record> ReadJournal(const std::string& path) {
-  // jq checks the JSON; the fields come out NUL-separated, as no log line or property holds a NUL.
-  const Result fields = Run(
-      {"jq", "-j",
-       R"(.ev, "\u0000", .buf // "", "\u0000", .prio // "", "\u0000", .tag // "", "\u0000", .msg // "",
-                                "\u0000", .name // "", "\u0000", .value // "", "\u0000", .ok // false,
-                                "\u0000", .mono_ns, "\u0000")",
-       path});
-  EXPECT_EQ(fields.status, 0) << path << ": " << fields.err;
-  // jq writes each \u00XX as UTF-8; the journal means the byte XX.
-  std::string bytes;
-  for (size_t i = 0; i < fields.out.size(); ++i) {
-    const auto c = static_cast<unsigned char>(fields.out[i]);
-    if (c < 0x80) {
-      bytes += static_cast<char>(c);
-      continue;
-    }
-    EXPECT_TRUE((c == 0xc2 || c == 0xc3) && i + 1 < fields.out.size()) << path << ": not a byte";
-    bytes += static_cast<char>(((c & 0x03) << 6) | (fields.out[++i] & 0x3f));
-  }
-  const std::vector<std::string> f = android::base::Split(bytes, std::string(1, '\0'));
   std::vector<Record> records;
-  for (size_t i = 0; i + 9 < f.size(); i += 9) {
-    records.push_back({f[i], f[i + 1], f[i + 2], f[i + 3], f[i + 4], f[i + 5], f[i + 6],
-                       f[i + 7] == "true", std::stoll(f[i + 8])});
+  for (const std::string& line : android::base::Split(Slurp(path), "\n")) {
+    if (line.empty()) continue;
+    records.push_back({Field(line, "ev"), Field(line, "buf"), Field(line, "prio"),
+                       Field(line, "tag"), Field(line, "msg"), Field(line, "name"),
+                       Field(line, "value"), Field(line, "ok") == "true",
+                       std::stoll(Field(line, "mono_ns"))});
   }
   return records;
 }
@@ -102,35 +94,21 @@ std::vector<std::string> Members(const std::string& path) {
   return members;
 }
 
-::testing::AssertionResult InOrder(const std::vector<std::string>& lines,
-                                   const std::vector<std::string>& expected) {
-  auto at = lines.begin();
-  for (const std::string& line : expected) {
-    at = std::find(at, lines.end(), line);
-    if (at == lines.end()) {
-      return ::testing::AssertionFailure() << "missing, or out of order: \"" << line << "\"\nin:\n"
-                                           << android::base::Join(lines, "\n");
-    }
-  }
-  return ::testing::AssertionSuccess();
-}
-
 Device::Device() : root_(std::string(dir_.path) + "/phone") {
-  const Result init = Run({ZQ_DEVSIM, "init", root_});
-  EXPECT_EQ(init.status, 0) << init.err;
+  Sim("init");
 }
 
-void Device::CopyFrom(const Device& other) const {
-  const Result copy = Run({"cp", "-a", other.root_ + "/.", root_});
-  ASSERT_EQ(copy.status, 0) << copy.err;
+void Device::Sim(const std::string& verb, const std::vector<std::string>& args) const {
+  std::vector<std::string> argv = {ZQ_DEVSIM, verb, root_};
+  argv.insert(argv.end(), args.begin(), args.end());
+  const Result sim = Run(argv);
+  ASSERT_EQ(sim.status, 0) << android::base::Join(argv, " ") << ": " << sim.err;
 }
 
 void Device::Panic(const std::vector<std::string>& options) const {
-  std::vector<std::string> argv = {ZQ_DEVSIM, "panic",     root_, "--kmsg-size",
-                                   "64",      "--db-size", "96"};
-  argv.insert(argv.end(), options.begin(), options.end());
-  const Result panic = Run(argv);
-  ASSERT_EQ(panic.status, 0) << panic.err;
+  std::vector<std::string> args = {"--kmsg-size", "64", "--db-size", "96"};
+  args.insert(args.end(), options.begin(), options.end());
+  Sim("panic", args);
 }
 
 Result Device::Boot(const std::vector<std::string>& options,
@@ -141,15 +119,6 @@ Result Device::Boot(const std::vector<std::string>& options,
   all.emplace("ZQ_MRDUMP_COLLECT", ZQ_MRDUMP_COLLECT);
   all.emplace("TZ", "UTC");
   return Run(argv, all);
-}
-
-std::optional<std::string> Device::Prop(const std::string& name) const {
-  return ReadProperty(Path("properties/" + name));
-}
-
-void Device::SetProp(const std::string& name, const std::string& value) const {
-  const Result set = Run({ZQ_DEVSIM, "setprop", root_, name, value});
-  ASSERT_EQ(set.status, 0) << set.err;
 }
 
 void ExpectWholeArchives(const Device& d, bool exact, const std::string& except) {
@@ -191,12 +160,4 @@ InProcessPlatform::~InProcessPlatform() {
   android::base::SetLogger(android::base::StderrLogger);
   unsetenv("HOST_PROPERTY_DIR");
   unsetenv("HOST_JOURNAL");
-}
-
-std::string InProcessPlatform::AreaPath(const std::string& name) const {
-  return std::string(area_.path) + "/" + name;
-}
-
-std::optional<std::string> InProcessPlatform::Prop(const std::string& name) const {
-  return ReadProperty(AreaPath(name));
 }

@@ -25,34 +25,31 @@ struct Result {
 // Runs |argv| with |env| added to the environment, capturing both output streams.
 Result Run(const std::vector<std::string>& argv,
            const std::map<std::string, std::string>& env = {});
-
+// The contents of |path|, or nullopt when it cannot be read (an unset property).
+std::optional<std::string> Read(const std::string& path);
 std::string Slurp(const std::string& path);
 // The sorted names in |dir|.
 std::vector<std::string> Entries(const std::string& dir);
-// The records of the journal at |path|; a malformed line fails the calling test.
+// The records of the journal at |path|; the messages of its log records, in order.
 std::vector<Record> ReadJournal(const std::string& path);
-// The messages of the log records, in order.
 std::vector<std::string> Messages(const std::vector<Record>& journal);
 // The sorted members of archive |path|, or the error of a listing that failed.
 std::vector<std::string> Members(const std::string& path);
-// Whether |lines| holds all of |expected|, in that order.
-::testing::AssertionResult InOrder(const std::vector<std::string>& lines,
-                                   const std::vector<std::string>& expected);
 
 class Device {
  public:
   Device();
 
   std::string Path(const std::string& relative) const { return root_ + "/" + relative; }
-  // Makes this phone's files, properties and log those of |other|.
-  void CopyFrom(const Device& other) const;
-  // zq-devsim panic with |options|, with evidence small enough for fast tests.
+  // zq-devsim |verb| on this phone with |args|, which must succeed; panic with small evidence.
+  void Sim(const std::string& verb, const std::vector<std::string>& args = {}) const;
   void Panic(const std::vector<std::string>& options = {}) const;
   // zq-devsim boot with |options|, in UTC.
-  Result Boot(const std::vector<std::string>& options = {},
+  Result Boot(const std::vector<std::string>& options,
               const std::map<std::string, std::string>& env = {}) const;
-  std::optional<std::string> Prop(const std::string& name) const;
-  void SetProp(const std::string& name, const std::string& value) const;
+  std::optional<std::string> Prop(const std::string& name) const {
+    return Read(Path("properties/" + name));
+  }
   std::vector<Record> Journal() const { return ReadJournal(Path("journal")); }
 
  private:
@@ -70,9 +67,9 @@ class InProcessPlatform {
   InProcessPlatform();
   ~InProcessPlatform();
 
-  std::string AreaPath(const std::string& name) const;
+  std::string AreaPath(const std::string& name) const { return area_.path + ("/" + name); }
   std::vector<std::string> Log() const { return Messages(ReadJournal(journal_.path)); }
-  std::optional<std::string> Prop(const std::string& name) const;
+  std::optional<std::string> Prop(const std::string& name) const { return Read(AreaPath(name)); }
 
  private:
   TemporaryDir area_;

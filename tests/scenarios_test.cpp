@@ -2,6 +2,7 @@
 // the phone's; then a crash loop of 50 boots, and a power cut at every change a boot makes.
 #include <sys/stat.h>
 
+#include <climits>
 #include <filesystem>
 #include <set>
 
@@ -19,21 +20,16 @@ using android::base::Split;
 using android::base::StartsWith;
 using android::base::StringPrintf;
 
-#ifdef ZQ_SANITIZED
-constexpr bool kSanitized = true;
-#else
-constexpr bool kSanitized = false;
-#endif
+constexpr bool kSanitized = ZQ_SANITIZED;
 
 struct Step {
   int line;
-  std::string only;  // the one userland the step is for, or empty
   std::string verb, arg;
 };
 
 struct Scenario {
   std::string name;
-  std::vector<Step> steps;
+  std::vector<Step> steps;  // for the userland at hand
 };
 
 void PrintTo(const Scenario& s, std::ostream* os) {
@@ -57,11 +53,10 @@ std::string Unescape(const std::string& text) {
   return out;
 }
 
-// The first word of |text| and the rest, both unescaped.
+// The first word of |text| and the rest, both unescaped; all its words.
 std::pair<std::string, std::string> Head(const std::string& text) {
-  const size_t blank = text.find(' ');
-  if (blank == std::string::npos) return {Unescape(text), ""};
-  return {Unescape(text.substr(0, blank)), Unescape(text.substr(blank + 1))};
+  const size_t blank = std::min(text.find(' '), text.size());
+  return {Unescape(text.substr(0, blank)), Unescape(text.substr(std::min(blank + 1, text.size())))};
 }
 
 std::vector<std::string> Words(const std::string& text) {
@@ -72,32 +67,70 @@ std::vector<std::string> Words(const std::string& text) {
   return words;
 }
 
+// The scenarios once for each userland, each with its steps for that userland: those without a
+// "host: " or "android: " in front, and those with its own.
 std::vector<Scenario> LoadScenarios() {
   std::vector<Scenario> scenarios;
-  std::vector<std::string> lines = Split(Slurp(ZQ_SCENARIOS), "\n");
-  for (size_t n = 0; n < lines.size(); ++n) {
-    std::string line = lines[n];
-    if (line.empty() || line[0] == '#') continue;
-    std::string only;
-    for (const char* userland : {"host", "android"}) {
-      if (StartsWith(line, std::string(userland) + ": ")) only = userland;
-    }
-    if (!only.empty()) line = line.substr(only.size() + 2);
-    const size_t blank = line.find(' ');
-    Step step{static_cast<int>(n + 1), only, line.substr(0, blank),
-              blank == std::string::npos ? "" : line.substr(blank + 1)};
-    if (step.verb == "scenario") {
-      scenarios.push_back({step.arg, {}});
-    } else if (!scenarios.empty()) {
-      scenarios.back().steps.push_back(step);
+  const std::vector<std::string> lines = Split(Slurp(ZQ_SCENARIOS), "\n");
+  for (const std::string userland : {"host", "android"}) {
+    for (size_t n = 0; n < lines.size(); ++n) {
+      std::string line = lines[n];
+      if (StartsWith(line, userland + ": ")) line = line.substr(userland.size() + 2);
+      if (line.empty() || line[0] == '#' || StartsWith(line, "host: ") ||
+          StartsWith(line, "android: ")) {
+        continue;
+      }
+      const size_t blank = std::min(line.find(' '), line.size());
+      const Step step{static_cast<int>(n + 1), line.substr(0, blank),
+                      line.substr(std::min(blank + 1, line.size()))};
+      if (step.verb == "scenario") scenarios.push_back({userland + ": " + step.arg, {}});
+      if (step.verb != "scenario" && !scenarios.empty()) scenarios.back().steps.push_back(step);
     }
   }
   return scenarios;
 }
 
-size_t CountReads(const std::vector<Record>& journal, const std::string& name) {
-  return std::count_if(journal.begin(), journal.end(),
-                       [&](const Record& r) { return r.ev == "get" && r.name == name; });
+// Whether |text| is |pattern|, where each "*" of |pattern| stands for any run of characters.
+bool Glob(const std::string& pattern, const std::string& text) {
+  const std::vector<std::string> pieces = Split(pattern, "*");
+  size_t at = 0;
+  for (size_t i = 0; i < pieces.size(); ++i) {
+    if (i > 0 && i + 1 == pieces.size()) {
+      return text.size() >= at + pieces[i].size() && android::base::EndsWith(text, pieces[i]);
+    }
+    at = text.find(pieces[i], at);
+    if (at == std::string::npos || (i == 0 && at != 0)) return false;
+    at += pieces[i].size();
+  }
+  return at == text.size();
+}
+
+// Whether the non-blank |lines| hold |ordered| in that order and |anywhere| anywhere; with
+// |whole|, nothing else.
+::testing::AssertionResult Holds(const std::vector<std::string>& lines,
+                                 const std::vector<std::string>& ordered,
+                                 const std::vector<std::string>& anywhere, bool whole) {
+  std::vector<std::pair<std::string, bool>> expected;  // pattern, matched
+  for (const auto* group : {&ordered, &anywhere}) {
+    for (const std::string& pattern : *group) expected.emplace_back(pattern, false);
+  }
+  std::string wrong;
+  auto next = ordered.begin();
+  for (const std::string& line : lines) {
+    if (line.empty()) continue;
+    const auto match = std::find_if(expected.begin(), expected.end(), [&](const auto& e) {
+      return !e.second && Glob(e.first, line);
+    });
+    if (match != expected.end()) match->second = true;
+    if (match == expected.end() && whole) wrong += "unexpected: \"" + line + "\"\n";
+    if (next != ordered.end() && Glob(*next, line)) ++next;
+  }
+  for (const auto& [pattern, matched] : expected) {
+    if (!matched) wrong += "missing: \"" + pattern + "\"\n";
+  }
+  if (wrong.empty() && next != ordered.end()) wrong = "out of order: \"" + *next + "\"\n";
+  if (wrong.empty()) return ::testing::AssertionSuccess();
+  return ::testing::AssertionFailure() << wrong << "in:\n" << android::base::Join(lines, "\n");
 }
 
 long long TimeTaken(const std::vector<std::string>& log) {
@@ -107,93 +140,85 @@ long long TimeTaken(const std::vector<std::string>& log) {
   return -1;
 }
 
+// Carries out a step that comes before the boot; the others are left alone.
 void Prepare(const Device& d, const Step& step) {
   const auto [first, rest] = Head(step.arg);
   const std::string path = d.Path(first);
-  if (step.verb == "setprop") {
-    d.SetProp(first, rest);
-  } else if (step.verb == "write") {
+  if (step.verb == "setprop") d.Sim("setprop", {first, rest});
+  if (step.verb == "write") {
     fs::create_directories(fs::path(path).parent_path());
-    if (path.back() == '/') return;
-    ASSERT_TRUE(android::base::WriteStringToFile(rest, path)) << path;
-  } else if (step.verb == "mtime") {
+    ASSERT_TRUE(path.back() == '/' || android::base::WriteStringToFile(rest, path)) << path;
+  }
+  if (step.verb == "mtime") {
     const struct timespec times[2] = {{std::stol(rest), 0}, {std::stol(rest), 0}};
     ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW), 0) << path;
-  } else if (step.verb == "symlink") {
-    fs::create_symlink(first, d.Path(rest));
-  } else if (step.verb == "rm") {
-    fs::remove_all(path);
   }
+  if (step.verb == "symlink") fs::create_symlink(first, d.Path(rest));
+  if (step.verb == "rm") fs::remove_all(path);
 }
 
+// Checks what a step after the boot says; the others are left alone.
 void Check(const Device& d, const Step& step, const std::vector<Record>& journal,
            const std::vector<std::string>& log) {
   const auto [first, rest] = Head(step.arg);
   const std::vector<std::string> words = Words(step.arg);
-  if (step.verb == "nolog") {
-    for (const std::string& line : log) EXPECT_EQ(line.find(step.arg), std::string::npos) << line;
-  } else if (step.verb == "prop") {
+  const std::vector<std::string> tail(words.begin() + std::min<size_t>(1, words.size()),
+                                      words.end());
+  if (step.verb == "prop") {
     EXPECT_EQ(d.Prop(first), rest.empty() ? std::nullopt : std::optional(rest)) << first;
   } else if (step.verb == "reads") {
-    EXPECT_EQ(CountReads(journal, first), std::stoul(rest)) << first;
-  } else if (step.verb == "count") {
-    const size_t blank = step.arg.rfind(' ');
-    const std::string line = Unescape(step.arg.substr(0, blank));
-    EXPECT_EQ(std::count(log.begin(), log.end(), line), std::stol(step.arg.substr(blank + 1)));
+    EXPECT_EQ(std::count_if(journal.begin(), journal.end(),
+                            [&](const Record& r) { return r.ev == "get" && r.name == first; }),
+              std::stol(rest));
   } else if (step.verb == "took") {
-    EXPECT_GE(TimeTaken(log), std::stoll(words.at(0)));
-    if (words.size() > 1) {
-      EXPECT_LE(TimeTaken(log), std::stoll(words.at(1)));
-    }
-  } else if (step.verb == "file") {
-    EXPECT_EQ(Slurp(d.Path(first)), rest);
-  } else if (step.verb == "same") {
-    EXPECT_EQ(Slurp(d.Path(first)), Slurp(d.Path(rest))) << first << " and " << rest;
+    EXPECT_GE(TimeTaken(log), std::stoll(first));
+    EXPECT_LE(TimeTaken(log), rest.empty() ? LLONG_MAX : std::stoll(rest));
+  } else if (step.verb == "file" || step.verb == "same") {
+    EXPECT_EQ(Slurp(d.Path(first)), step.verb == "file" ? rest : Slurp(d.Path(rest))) << first;
   } else if (step.verb == "entries") {
-    EXPECT_EQ(Entries(d.Path(first)), std::vector<std::string>(words.begin() + 1, words.end()));
+    EXPECT_EQ(Entries(d.Path(first)), tail);
   } else if (step.verb == "members") {
-    std::vector<std::string> expected(words.begin() + 1, words.end());
-    std::sort(expected.begin(), expected.end());
-    EXPECT_EQ(Members(d.Path(first)), expected);
+    std::vector<std::string> sorted = tail;
+    std::sort(sorted.begin(), sorted.end());
+    EXPECT_EQ(Members(d.Path(first)), sorted);
   } else if (step.verb == "mode") {
-    const fs::perms mode = static_cast<fs::perms>(std::stoul(rest, nullptr, 8));
+    const auto mode = static_cast<fs::perms>(std::stoul(rest, nullptr, 8));
     EXPECT_EQ(fs::status(d.Path(first)).permissions(), mode) << first;
     if (!fs::is_directory(d.Path(first))) return;
     for (const auto& entry : fs::recursive_directory_iterator(d.Path(first))) {
       EXPECT_EQ(entry.status().permissions(), mode) << entry.path();
     }
-  } else if (!std::set<std::string>{"panic", "boot", "env", "setprop", "write", "mtime", "symlink",
-                                    "rm", "status", "log", "stdout"}
-                  .count(step.verb)) {
-    ADD_FAILURE() << "unknown check " << step.verb;
   }
 }
 
-class ScenarioTest : public ::testing::TestWithParam<std::tuple<Scenario, std::string>> {};
+class ScenarioTest : public ::testing::TestWithParam<Scenario> {};
 
 TEST_P(ScenarioTest, EndsAsDesigned) {
-  const auto& [scenario, userland] = GetParam();
-  Device device;
-  std::vector<std::string> panic, boot;
+  const Scenario& scenario = GetParam();
+  const std::string userland = scenario.name.substr(0, scenario.name.find(':'));
+  std::vector<std::string> panic, boot, statuses = {"wait", "running", "1"}, ordered, anywhere, out;
   std::map<std::string, std::string> env;
-  std::vector<std::string> statuses = {"wait", "running", "1"}, log, out;
-  std::vector<Step> steps;
-  std::copy_if(scenario.steps.begin(), scenario.steps.end(), std::back_inserter(steps),
-               [&](const Step& s) { return s.only.empty() || s.only == userland; });
-  for (const Step& step : steps) {
+  const std::set<std::string> known = {"panic",  "boot",    "env",     "setprop", "write",
+                                       "mtime",  "symlink", "rm",      "status",  "log",
+                                       "logged", "stdout",  "prop",    "reads",   "took",
+                                       "file",   "same",    "entries", "members", "mode"};
+  for (const Step& step : scenario.steps) {
+    EXPECT_TRUE(known.count(step.verb)) << "scenarios.txt:" << step.line << ": " << step.verb;
     if (step.verb == "panic") panic = Words(step.arg);
     if (step.verb == "boot") boot = Words(step.arg);
     if (step.verb == "env") env.insert(Head(step.arg));
     if (step.verb == "status") statuses = Words(step.arg);
-    if (step.verb == "log") log.push_back(Unescape(step.arg));
+    if (step.verb == "log") ordered.push_back(Unescape(step.arg));
+    if (step.verb == "logged") anywhere.push_back(Unescape(step.arg));
     if (step.verb == "stdout") out.push_back(Unescape(step.arg));
   }
   if (kSanitized && std::find(boot.begin(), boot.end(), "--memcheck") != boot.end()) {
     GTEST_SKIP()
         << "valgrind cannot run a daemon built with AddressSanitizer; the plain build runs this";
   }
+  Device device;
   device.Panic(panic);
-  for (const Step& step : steps) Prepare(device, step);
+  for (const Step& step : scenario.steps) Prepare(device, step);
   if (std::find(boot.begin(), boot.end(), "--faketime") == boot.end()) {
     boot.insert(boot.end(), {"--faketime", "@2024-05-01 03:04:05"});
   }
@@ -213,29 +238,45 @@ TEST_P(ScenarioTest, EndsAsDesigned) {
   // An abnormal end leaves the status at "running", with no "Time taken: " and no exit status 0.
   const bool normal = statuses.back() == "1";
   EXPECT_EQ(result.status == 0, normal) << result.err;
-  EXPECT_EQ(TimeTaken(messages) >= 0, normal);
   // Within what the journal saw of the run, on the same clock, however fast that clock ran.
-  if (normal) {
-    EXPECT_LE(TimeTaken(messages), (journal.back().mono_ns - journal.front().mono_ns) / 1'000'000);
-  }
-  EXPECT_TRUE(InOrder(messages, log));
-  EXPECT_TRUE(InOrder(Split(result.out, "\n"), out));
-  for (const Step& step : steps) {
+  EXPECT_LE(TimeTaken(messages), (journal.back().mono_ns - journal.front().mono_ns) / 1'000'000);
+  EXPECT_TRUE(Holds(messages, ordered, anywhere, true));
+  EXPECT_TRUE(Holds(Split(result.out, "\n"), out, {}, false));
+  for (const Step& step : scenario.steps) {
     SCOPED_TRACE(StringPrintf("scenarios.txt:%d", step.line));
     Check(device, step, journal, messages);
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(Boots, ScenarioTest,
-                         ::testing::Combine(::testing::ValuesIn(LoadScenarios()),
-                                            ::testing::Values("host", "android")),
+INSTANTIATE_TEST_SUITE_P(Boots, ScenarioTest, ::testing::ValuesIn(LoadScenarios()),
                          [](const auto& info) {
-                           std::string name =
-                               std::get<0>(info.param).name + "_" + std::get<1>(info.param);
+                           std::string name = info.param.name;
                            for (char& c : name)
-                             c = isalnum(static_cast<unsigned char>(c)) ? c : '_';
+                             c = isalnum(static_cast<unsigned char>(c)) != 0 ? c : '_';
                            return name;
                          });
+
+// After a normal boot that filed |kmsg|: no count names two archives, the newest archive is the
+// one directory and holds |kmsg|, five archives and two staging folders at most, every archive
+// whole but what |except| names.
+void ExpectFiled(const Device& d, const std::string& kmsg, bool exact, const std::string& except) {
+  EXPECT_EQ(d.Prop("vendor.minidump.cp.status"), "1");
+  const std::string dir = d.Path("mnt/vendor/zq_log/panic_log/");
+  std::map<long long, std::string> names;
+  std::vector<std::string> directories;
+  for (const std::string& entry : Entries(dir)) {
+    const std::string stem = entry.substr(0, entry.find(".tar.gz"));
+    const std::vector<std::string> fields = Split(stem, "_");
+    ASSERT_EQ(fields.size(), 3U) << entry;
+    EXPECT_EQ(names.emplace(std::stoll(fields[1]), stem).first->second, stem) << entry;
+    if (fs::is_directory(dir + entry)) directories.push_back(entry);
+  }
+  ASSERT_EQ(directories, std::vector<std::string>{names.rbegin()->second});
+  EXPECT_EQ(Slurp(dir + directories[0] + "/last_kmsg.txt"), kmsg);
+  EXPECT_LE(Entries(dir).size(), 6U);
+  EXPECT_LE(Entries(d.Path("data/vendor/dump_collect")).size(), 2U);
+  ExpectWholeArchives(d, exact, except);
+}
 
 // A phone that panics at every boot: 50 boots on one device root with a new panic each, with a
 // clock that moves on and with one that shows the same time at every boot.
@@ -256,26 +297,23 @@ TEST_P(CrashLoopTest, EveryPanicIsArchivedAndStorageStaysBounded) {
     const Result result = device.Boot({"--userland", userland, "--faketime",
                                        StringPrintf("@2024-05-01 03:%02d:05", frozen ? 4 : boot)});
     ASSERT_EQ(result.status, 0) << result.err;
-    ASSERT_EQ(device.Prop("vendor.minidump.cp.status"), "1");
+    ExpectFiled(device, kmsg, true, "");
     EXPECT_EQ(device.Prop("vendor.zq_dump.last_panic_log"), name(boot));
-
-    // Five archives at most, this boot's directory beside the newest.
-    std::vector<std::string> expected;
-    for (int kept = std::max(0, boot - 4); kept < boot; ++kept)
+    // The archives by count and time: this boot's directory beside the newest.
+    std::vector<std::string> expected = {name(boot), name(boot) + ".tar.gz"};
+    for (int kept = std::max(0, boot - 4); kept < boot; ++kept) {
       expected.push_back(name(kept) + ".tar.gz");
-    expected.insert(expected.end(), {name(boot), name(boot) + ".tar.gz"});
+    }
     std::sort(expected.begin(), expected.end());
     EXPECT_EQ(Entries(dir), expected);
-    EXPECT_EQ(Slurp(dir + name(boot) + "/last_kmsg.txt"), kmsg);
     EXPECT_EQ(Entries(device.Path("data/vendor/dump_collect")).size(),
-              frozen ? 1u : std::min(boot + 1, 2));
+              frozen ? 1U : std::min(boot + 1, 2));
     // The previous boot's evidence, compressed again by this boot's rotation, is whole.
     if (boot > 0) {
       const Result archived = ::Run(
           {"tar", "-xzOf", dir + name(boot - 1) + ".tar.gz", name(boot - 1) + "/last_kmsg.txt"});
       EXPECT_TRUE(archived.status == 0 && archived.out == previous_kmsg) << archived.err;
     }
-    ExpectWholeArchives(device, true);
     previous_kmsg = kmsg;
   }
 }
@@ -304,10 +342,12 @@ TEST_P(KillPointTest, TheNextBootMakesGoodACutAnywhere) {
   const std::string kmsg = Slurp(history.Path("data/vendor/aee_exp/last_kmsg.txt"));
   // LeakSanitizer cannot work under the power cut's ptrace; AddressSanitizer still does.
   std::map<std::string, std::string> env;
-  if (kSanitized)
+  if (kSanitized) {
     env["ASAN_OPTIONS"] = std::string(getenv("ASAN_OPTIONS") ?: "") + ":detect_leaks=0";
-  auto boot = [&](const Device& d, const std::string& cut, const char* time) {
-    return d.Boot({"--userland", userland, "--power-cut", cut, "--faketime", time}, env);
+  }
+  auto boot = [&](const Device& d, size_t cut, const char* time) {
+    return d.Boot({"--userland", userland, "--power-cut", std::to_string(cut), "--faketime", time},
+                  env);
   };
   // Cut at the first change, the second, ... until a boot makes fewer changes than the cut
   // waits for and ends on its own: no count taken from another boot decides where to stop.
@@ -315,35 +355,16 @@ TEST_P(KillPointTest, TheNextBootMakesGoodACutAnywhere) {
   for (;; ++k) {
     SCOPED_TRACE(StringPrintf("power cut at change %zu", k));
     Device device;
-    device.CopyFrom(history);
-    const Result cut = boot(device, std::to_string(k), "@2024-05-01 03:10:05");
+    ASSERT_EQ(::Run({"cp", "-a", history.Path("."), device.Path("")}).status, 0);
+    const Result cut = boot(device, k, "@2024-05-01 03:10:05");
     if (cut.status == 0) break;
     ASSERT_EQ(cut.status, 137) << cut.err;
-    const Result next = boot(device, "0", "@2024-05-01 03:11:05");
+    const Result next = boot(device, 0, "@2024-05-01 03:11:05");
     ASSERT_EQ(next.status, 0) << next.err;
-    EXPECT_EQ(device.Prop("vendor.minidump.cp.status"), "1");
-
-    const std::string dir = device.Path("mnt/vendor/zq_log/panic_log/");
-    std::map<long long, std::string> names;  // count to name: a count never names two archives
-    std::vector<std::string> directories;
-    size_t archives = 0;
-    for (const std::string& entry : Entries(dir)) {
-      const std::string stem = entry.substr(0, entry.find(".tar.gz"));
-      const std::vector<std::string> fields = Split(stem, "_");
-      ASSERT_EQ(fields.size(), 3u) << entry;
-      EXPECT_EQ(names.emplace(std::stoll(fields[1]), stem).first->second, stem) << entry;
-      if (fs::is_directory(dir + entry)) directories.push_back(entry);
-      archives += entry != stem;
-    }
-    ASSERT_EQ(directories.size(), 1u);
-    EXPECT_EQ(directories[0], names.rbegin()->second) << "the newest archive is the directory";
-    EXPECT_EQ(Slurp(dir + directories[0] + "/last_kmsg.txt"), kmsg);
-    EXPECT_LE(archives, 5u);
-    EXPECT_LE(Entries(device.Path("data/vendor/dump_collect")).size(), 2u);
     // Only what the cut boot was writing in its own staging folder may be cut short.
-    ExpectWholeArchives(device, false, "data/vendor/dump_collect/panic_log_2024-05-01-03-10-05");
+    ExpectFiled(device, kmsg, false, "data/vendor/dump_collect/panic_log_2024-05-01-03-10-05");
   }
-  EXPECT_GT(k, 20u) << "a boot makes a few dozen changes";
+  EXPECT_GT(k, 20U) << "a boot makes a few dozen changes";
   std::cout << userland << ": " << k - 1 << " kill points tried\n";
 }
 

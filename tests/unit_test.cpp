@@ -1,5 +1,5 @@
-// The parses, the rotation's limit and the category guard: tables that need no simulated phone,
-// built into the workstation's tests and into the phone's zq_mrdump_collect_test.
+// The parses and the rotation's limit: tables that need no simulated phone, built into the
+// workstation's tests and into the phone's zq_mrdump_collect_test.
 #include <filesystem>
 #include <stdexcept>
 #include <string>
@@ -62,13 +62,6 @@ TEST(ArchiveRotationTest, BootKeepsTenArchives) {
   const auto kept = std::distance(std::filesystem::directory_iterator(dir),
                                   std::filesystem::directory_iterator());
   EXPECT_EQ(kept, 9) << "nine kept; the archive of the run makes ten";
-}
-
-TEST(ArchiveCategoryTest, AnInvalidIndexIsRefused) {
-  for (const unsigned int type : {5U, 100U, 4294967295U}) {
-    EXPECT_EQ(prepare_type_log_and_dir(type), -22) << type;
-    EXPECT_EQ(create_type_new_zq_log_dir(type), -22) << type;
-  }
 }
 
 }  // namespace

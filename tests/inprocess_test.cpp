@@ -1,13 +1,11 @@
-// What the archive's operations log, in process: the lines that are themselves the contract; and
-// the command runner beneath them, which waits for what a command leaves running.
+// The daemon's operations called in process, on the host layer's property area and journal, where
+// a boot cannot reach them: an invalid category, an over-long copy, a command's leftovers.
 #include <cutils/properties.h>
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 
 #include <android-base/file.h>
-#include <android-base/stringprintf.h>
-#include <android-base/strings.h>
 #include <gtest/gtest.h>
 
 #include "archive.h"
@@ -17,13 +15,13 @@
 
 namespace {
 
-TEST(ArchiveLogTest, AnInvalidIndexIsLoggedUntagged) {
+TEST(InProcessTest, AnInvalidCategoryIsRefusedAndLoggedUntagged) {
   for (const unsigned int type : {5U, 100U, 4294967295U}) {
     SCOPED_TRACE(type);
     InProcessPlatform platform;
     const std::string suffix = ": error core_log_type: " + std::to_string(type);
-    prepare_type_log_and_dir(type);
-    create_type_new_zq_log_dir(type);
+    EXPECT_EQ(prepare_type_log_and_dir(type), -22);
+    EXPECT_EQ(create_type_new_zq_log_dir(type), -22);
     clean_type_log_and_dir(type);
     copy_panic_log(type);
     EXPECT_EQ(platform.Log(),
@@ -33,7 +31,7 @@ TEST(ArchiveLogTest, AnInvalidIndexIsLoggedUntagged) {
   }
 }
 
-TEST(ArchiveCopyTest, OnlyTheDefaultFolderHasAFallbackForAnOverlongCommand) {
+TEST(InProcessTest, OnlyTheDefaultFolderHasAFallbackForAnOverlongCopy) {
   InProcessPlatform platform;
   TemporaryDir target;
   const std::string head = "cp -r /data/vendor/dump_collect/";
@@ -47,8 +45,9 @@ TEST(ArchiveCopyTest, OnlyTheDefaultFolderHasAFallbackForAnOverlongCommand) {
     // A real folder, its path padded with "./" to give the command the length wanted.
     std::string path = std::string(target.path) + "/";
     while (head.size() + value.size() + 3 + path.size() < length) path += "./";
-    if (head.size() + value.size() + 3 + path.size() > length)
+    if (head.size() + value.size() + 3 + path.size() > length) {
       path.replace(path.size() - 2, 2, "/");
+    }
     kLogTypes[4].new_log_path = path;
     const std::string command = head + value + "/* " + path;
     ASSERT_EQ(command.size(), length);
@@ -65,7 +64,7 @@ TEST(ArchiveCopyTest, OnlyTheDefaultFolderHasAFallbackForAnOverlongCommand) {
   kLogTypes[4].new_log_path.clear();
 }
 
-TEST(RunCommandTest, WaitsForWhatACommandLeftRunningUpToItsBound) {
+TEST(InProcessTest, RunCommandWaitsForWhatTheCommandLeftRunningUpToItsBound) {
   InProcessPlatform platform;
   TemporaryDir tmp;
   ASSERT_EQ(prctl(PR_SET_CHILD_SUBREAPER, 1), 0) << "as the daemon is";
