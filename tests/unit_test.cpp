@@ -1,15 +1,11 @@
-// The parses and the rotation's limit: tables that need no simulated phone, built into the
-// workstation's tests and into the phone's zq_mrdump_collect_test.
-#include <filesystem>
+// The parses of the exception database property and of archive names: tables that need no
+// simulated phone, built into the workstation's tests and into the phone's zq_mrdump_collect_test.
 #include <stdexcept>
 #include <string>
 
-#include <android-base/file.h>
-#include <android-base/stringprintf.h>
 #include <gtest/gtest.h>
 
 #include "archive.h"
-#include "log_types.h"
 #include "staging.h"
 
 namespace {
@@ -46,22 +42,6 @@ TEST(ArchiveNameTest, CountIsTheMiddleOfThreeFieldsWhenAllDigits) {
   // Unguarded on purpose: these end a run.
   EXPECT_THROW(get_boot_count_by_file_name("ZQpanic__x"), std::invalid_argument);
   EXPECT_THROW(get_boot_count_by_file_name("ZQpanic_9223372036854775808_x"), std::out_of_range);
-}
-
-TEST(ArchiveRotationTest, BootKeepsTenArchives) {
-  TemporaryDir tmp;
-  const std::string dir = std::string(tmp.path) + "/";
-  for (int n = 0; n <= 11; ++n) {
-    ASSERT_TRUE(android::base::WriteStringToFile(
-        "", dir + android::base::StringPrintf("ZQboot_%d_t.tar.gz", n)));
-  }
-  const LogType& boot = kLogTypes[0];
-  const int next = get_new_zq_log_count(dir, boot.prefix);
-  ASSERT_EQ(next, 12);
-  EXPECT_EQ(remove_old_and_trash_file(next, dir, boot.prefix, boot.max_log_num), 0);
-  const auto kept = std::distance(std::filesystem::directory_iterator(dir),
-                                  std::filesystem::directory_iterator());
-  EXPECT_EQ(kept, 9) << "nine kept; the archive of the run makes ten";
 }
 
 }  // namespace
