@@ -18,15 +18,11 @@ const std::string kKit = std::string(ZQ_SOURCE_DIR) + "/zq_mrdump/";
 // the platform's policy and its users; the binary policy goes to |out|.
 Result CompilePolicy(const std::string& extra, const std::string& out) {
   const std::string stand_in = kKit + "sepolicy/workstation/";
-  const TemporaryFile rules;
-  const TemporaryFile conf;
-  EXPECT_TRUE(android::base::WriteStringToFile(extra, rules.path));
-  const Result m4 =
-      Run({"m4", "-E", stand_in + "platform.te", kKit + "sepolicy/zq_mrdump_collect.te",
-           stand_in + "readers.te", rules.path, stand_in + "users"});
-  if (m4.status != 0) return m4;
-  EXPECT_TRUE(android::base::WriteStringToFile(m4.out, conf.path));
-  return Run({"checkpolicy", "-M", "-c", "30", "-o", out, conf.path});
+  return Run(
+      {"sh", "-c",
+       R"(echo "$1" | m4 -E "$2" "$3" "$4" - "$5" >"$6.conf" && checkpolicy -M -c 30 -o "$6" "$6.conf")",
+       "sh", extra, stand_in + "platform.te", kKit + "sepolicy/zq_mrdump_collect.te",
+       stand_in + "readers.te", stand_in + "users", out});
 }
 
 // property_contexts rewritten as file_contexts, each property name a path ("/" + name), so that

@@ -1,28 +1,13 @@
-// The parses of the exception database property and of archive names: tables that need no
-// simulated phone, built into the workstation's tests and into the phone's zq_mrdump_collect_test.
+// The parse of archive names, to its limits: a table that needs no simulated phone, built into the
+// workstation's tests and into the phone's zq_mrdump_collect_test.
 #include <stdexcept>
 #include <string>
 
 #include <gtest/gtest.h>
 
 #include "archive.h"
-#include "staging.h"
 
 namespace {
-
-TEST(StagingParseTest, ExceptionFolderOfTheDatabaseProperty) {
-  const std::pair<const char*, const char*> cases[] = {
-      {"1:/data/vendor/aee_exp/db.01", "/data/vendor/aee_exp/"},
-      {"1:/data/vendor/aee_exp/", "/data/vendor/aee_exp/"},
-      {"1:/db.01", "/"},
-      {"a:b:/x/db", "b:/x/"},  // only the first ':' separates
-      {"", ""},
-      {"/data/vendor/aee_exp/db.01", ""},
-      {"1:", ""},
-      {"1:db.01", ""},
-  };
-  for (const auto& [value, folder] : cases) EXPECT_EQ(extractKEPath(value), folder) << value;
-}
 
 TEST(ArchiveNameTest, CountIsTheMiddleOfThreeFieldsWhenAllDigits) {
   const std::pair<const char*, long long> cases[] = {
