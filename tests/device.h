@@ -33,8 +33,6 @@ std::vector<std::string> Entries(const std::string& dir);
 // The records of the journal at |path|; the messages of its log records, in order.
 std::vector<Record> ReadJournal(const std::string& path);
 std::vector<std::string> Messages(const std::vector<Record>& journal);
-// The sorted members of archive |path|, or the error of a listing that failed.
-std::vector<std::string> Members(const std::string& path);
 
 class Device {
  public:
@@ -56,11 +54,6 @@ class Device {
   TemporaryDir dir_;
   std::string root_;
 };
-
-// Every .tar.gz under |d|'s data/ and mnt/, except those under |except|, is a complete gzip of a
-// complete tar that holds its own folder and only what the daemon puts in one (with |exact|, all
-// of it): a staged exception database, or a panic archive of the kernel log and that database.
-void ExpectWholeArchives(const Device& d, bool exact, const std::string& except = "");
 
 class InProcessPlatform {
  public:
