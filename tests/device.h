@@ -12,7 +12,7 @@
 
 // One journal record; fields that a record does not carry stay empty.
 struct Record {
-  std::string ev, buf, prio, tag, msg, name, value;
+  std::string ev, buf, tag, msg, name, value;
   bool ok = false;
   long long mono_ns = 0;
 };
