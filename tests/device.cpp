@@ -75,8 +75,20 @@ std::vector<std::string> Messages(const std::vector<Record>& journal) {
   return messages;
 }
 
-Device::Device() : root_(std::string(dir_.path) + "/phone") {
-  Sim("init");
+Device::Device(bool ext4) : root_(std::string(dir_.path) + "/phone") {
+  Sim("init", ext4 ? std::vector<std::string>{"--ext4"} : std::vector<std::string>{});
+}
+
+std::string Device::Pull(const std::string& phone_path) const {
+  const std::string copy = std::string(dir_.path) + "/pulled." + std::to_string(++pulls_);
+  Sim("pull", {phone_path, copy});
+  return copy;
+}
+
+void Device::CopyTo(const Device& other) const {
+  std::filesystem::remove_all(other.root_);
+  const Result copy = Run({"cp", "-a", "--sparse=always", root_, other.root_});
+  ASSERT_EQ(copy.status, 0) << copy.err;
 }
 
 void Device::Sim(const std::string& verb, const std::vector<std::string>& args) const {

@@ -36,7 +36,8 @@ std::vector<std::string> Messages(const std::vector<Record>& journal);
 
 class Device {
  public:
-  Device();
+  // A phone of plain folders, or with |ext4| one whose /data and log partition are ext4 images.
+  explicit Device(bool ext4 = false);
 
   std::string Path(const std::string& relative) const { return root_ + "/" + relative; }
   // zq-devsim |verb| on this phone with |args|, which must succeed; panic with small evidence.
@@ -45,6 +46,11 @@ class Device {
   // zq-devsim boot with |options|, in UTC.
   Result Boot(const std::vector<std::string>& options,
               const std::map<std::string, std::string>& env = {}) const;
+  // The phone's |phone_path| copied to the workstation, out of its images if it has them; the
+  // copy's path.
+  std::string Pull(const std::string& phone_path) const;
+  // This phone copied whole to a new device root.
+  void CopyTo(const Device& other) const;
   std::optional<std::string> Prop(const std::string& name) const {
     return Read(Path("properties/" + name));
   }
@@ -53,6 +59,7 @@ class Device {
  private:
   TemporaryDir dir_;
   std::string root_;
+  mutable int pulls_ = 0;
 };
 
 class InProcessPlatform {

@@ -1,0 +1,199 @@
+"""The device root: a simulated phone in a folder. Its layout, its owner, the lock that keeps two
+commands from changing it at once, its system properties, the reboot that clears them, and the
+journal that stands in for logd."""
+
+import contextlib
+import fcntl
+import json
+import os
+import re
+import stat
+
+PROG = "zq-devsim"
+PARTITIONS = ("data", "mnt")  # the phone's /data and /mnt, in the device root
+# What `init` lays out at the top of a device root, and all that `init --force` removes.
+LAYOUT = ("data", "mnt", "images", "properties", "journal", ".devsim")
+PROP_VALUE_MAX = 92
+NAME_MAX = 255  # the host property area keeps a property in a file named after it
+RAMDUMP_PROP = "vendor.debug.mtk.aeev.ramdump"
+DB_PROP = "vendor.debug.mtk.aeev.db"
+STATUS_PROP = "vendor.minidump.cp.status"
+BOOTS = ".devsim/boots"  # the journal's size as each boot began, one line a boot
+BOOTED = ".devsim/booted"  # the daemon has run since the last reboot: the next boot is a reboot
+
+
+class Refusal(Exception):
+    """Bad input, a missing tool or a busy phone: `zq-devsim: error: VERB: ...`, exit 2, nothing
+    changed."""
+
+
+class Failure(Exception):
+    """Something that went wrong while changing the phone: one line, exit 1."""
+
+
+def is_device_root(path):
+    return all(os.path.isdir(os.path.join(path, d)) for d in ("properties",) + PARTITIONS) and \
+        os.path.isfile(os.path.join(path, "journal"))
+
+
+def device_root(path):
+    """The absolute device root at |path|, which `init` must have made."""
+    if not path or not is_device_root(path):
+        raise Refusal(f"'{path}' is not a device root (make one with: {PROG} init DIR)")
+    return os.path.abspath(path)
+
+
+def check_owner(root):
+    """Only the user who made a phone, or root, may change it: the files of a phone made by root
+    belong to root and to the users the init script names."""
+    owner = os.stat(root).st_uid
+    if os.geteuid() not in (0, owner):
+        raise Refusal(f"the phone in {root} belongs to uid {owner}: only that user or root may "
+                      "change it")
+
+
+@contextlib.contextmanager
+def locked(root):
+    """Holds the phone for one command that changes it; a second one is refused while the first
+    runs. The kernel drops the lock with its holder, however that ends."""
+    path = os.path.join(root, ".devsim/lock")
+    fd = os.open(path, os.O_RDWR | os.O_CREAT | os.O_CLOEXEC, 0o644)
+    try:
+        try:
+            fcntl.flock(fd, fcntl.LOCK_EX | fcntl.LOCK_NB)
+        except BlockingIOError:
+            holder = os.pread(fd, 64, 0).decode(errors="replace").strip() or "another process"
+            raise Refusal(f"the phone in {root} is busy: {holder} is using it") from None
+        os.ftruncate(fd, 0)
+        os.pwrite(fd, f"{PROG} pid {os.getpid()}\n".encode(), 0)
+        yield
+    finally:
+        os.close(fd)
+
+
+# ----- properties
+
+
+def prop_name(name):
+    """|name| if the phone's property service takes it (init's IsLegalPropertyName) and the host
+    area can store it."""
+    if not re.fullmatch(r"[A-Za-z0-9_@:-]+(\.[A-Za-z0-9_@:-]+)*", name):
+        raise Refusal(f"invalid property name: '{name}' (letters, digits, _ - @ : and single dots "
+                      "between them)")
+    if len(name.encode()) > NAME_MAX - 16:  # room for the temporary file's suffix
+        raise Refusal(f"property name of {len(name.encode())} bytes: the property area takes "
+                      f"names of at most {NAME_MAX - 16}")
+    return name
+
+
+def prop_value(name, value):
+    if len(value.encode()) >= PROP_VALUE_MAX:
+        raise Refusal(f"value for {name} is {len(value.encode())} bytes; the limit is "
+                      f"{PROP_VALUE_MAX - 1}")
+    return value
+
+
+def prop_path(root, name):
+    return os.path.join(root, "properties", prop_name(name))
+
+
+def write_prop(root, name, value):
+    """Sets a property as the phone's property service would: whole, atomically, within its limit;
+    an empty |value| unsets it."""
+    path = prop_path(root, name)
+    prop_value(name, value)
+    if not value:
+        if os.path.lexists(path):
+            os.unlink(path)
+        return
+    temp = os.path.join(root, "properties", f".set.{name}.{os.getpid()}")
+    with open(temp, "w") as f:
+        f.write(value)
+    os.chmod(temp, 0o644)
+    os.rename(temp, path)
+
+
+def read_prop(root, name):
+    """The value the daemon would read now, without taking one from a FIFO; None when unset."""
+    path = prop_path(root, name)
+    if os.path.lexists(path) and stat.S_ISFIFO(os.lstat(path).st_mode):
+        return "dumping"  # the ramdump writer serves it until the dump is done
+    try:
+        with open(path, "rb") as f:
+            return f.read().decode("latin-1")
+    except FileNotFoundError:
+        return None
+
+
+def prop_names(root):
+    return sorted(n for n in os.listdir(os.path.join(root, "properties")) if not n.startswith("."))
+
+
+def reboot(root, stop_writer):
+    """The phone restarts if the daemon has run since it last did: every property but persist.*
+    is gone, as on a phone, the dump writer's with them."""
+    if not os.path.exists(os.path.join(root, BOOTED)):
+        return
+    stop_writer(root)
+    for name in prop_names(root):
+        if not name.startswith("persist."):
+            os.unlink(os.path.join(root, "properties", name))
+    os.unlink(os.path.join(root, BOOTED))
+
+
+def mark_booted(root):
+    open(os.path.join(root, BOOTED), "w").close()
+
+
+# ----- the journal
+
+
+def journal_records(root, start, end):
+    with open(os.path.join(root, "journal"), "rb") as f:
+        f.seek(start)
+        data = f.read() if end is None else f.read(end - start)
+    return [json.loads(line) for line in data.split(b"\n") if line]
+
+
+def journal_size(root):
+    return os.path.getsize(os.path.join(root, "journal"))
+
+
+def record_boot(root, start):
+    with open(os.path.join(root, BOOTS), "a") as f:
+        f.write(f"{start}\n")
+
+
+def boot_spans(root):
+    """(first byte, end) of each boot's records in the journal; none before the first boot."""
+    size = journal_size(root)
+    try:
+        with open(os.path.join(root, BOOTS)) as f:
+            starts = [int(line) for line in f if line.strip()]
+    except FileNotFoundError:
+        starts = []
+    return list(zip(starts, starts[1:] + [size]))
+
+
+def statuses(root, since):
+    """The values "vendor.minidump.cp.status" took in the journal from offset |since| on."""
+    return [r["value"] for r in journal_records(root, since, None)
+            if r["ev"] == "set" and r["name"] == STATUS_PROP and r["ok"]]
+
+
+def phone_path(root, path):
+    """|path| in the device root: data/... and mnt/... as they are, the phone's /data/... and
+    /mnt/... mapped there; anything else is refused."""
+    relative = path[1:] if path.startswith("/") else path
+    parts = relative.rstrip("/").split("/")
+    if parts[0] not in PARTITIONS or ".." in parts or "" in parts[:-1]:
+        raise Refusal(f"'{path}' is not a path of the phone's partitions "
+                      "(data/..., mnt/..., or /data/..., /mnt/...)")
+    if not os.path.lexists(os.path.join(root, relative)):
+        raise Refusal(f"no {path} on the phone in {root}")
+    return relative.rstrip("/")
+
+
+def free_bytes(path):
+    st = os.statvfs(path)
+    return st.f_bavail * st.f_frsize
