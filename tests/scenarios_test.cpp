@@ -1,6 +1,7 @@
 // Runs the boots of scenarios.txt on simulated phones, each with the workstation's tools and with
-// the phone's; then a crash loop of 50 boots, and a power cut at every change a boot makes.
+// the phone's; then a crash loop of 50 boots, and power cuts at every change a boot makes.
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <climits>
 #include <filesystem>
@@ -22,6 +23,7 @@ using android::base::StartsWith;
 using android::base::StringPrintf;
 
 constexpr bool kSanitized = ZQ_SANITIZED;
+constexpr uid_t kSystem = 1000;  // Android's system user and group, the daemon's service's
 
 struct Step {
   int line;
@@ -35,6 +37,52 @@ struct Scenario {
 
 void PrintTo(const Scenario& s, std::ostream* os) {
   *os << s.name;
+}
+
+// The first word of |text| and the rest.
+std::pair<std::string, std::string> Head(const std::string& text) {
+  const size_t blank = std::min(text.find(' '), text.size());
+  return {text.substr(0, blank), text.substr(std::min(blank + 1, text.size()))};
+}
+
+// The table's vocabulary: values, named log lines, and runs made of them ("normal" the first).
+struct Vocabulary {
+  std::map<std::string, std::string> values, lines;
+  std::map<std::string, std::vector<std::string>> runs;
+};
+
+// The scenarios once for each userland, each with its steps for that userland: those without a
+// "host: " or "android: " in front, and those with its own. The vocabulary before them goes to
+// |vocabulary|.
+std::vector<Scenario> LoadScenarios(Vocabulary* vocabulary = nullptr) {
+  std::vector<Scenario> scenarios;
+  const std::vector<std::string> lines = Split(Slurp(ZQ_SCENARIOS), "\n");
+  for (const std::string userland : {"host", "android"}) {
+    const size_t first = scenarios.size();
+    for (size_t n = 0; n < lines.size(); ++n) {
+      std::string line = lines[n];
+      if (StartsWith(line, userland + ": ")) line = line.substr(userland.size() + 2);
+      if (line.empty() || line[0] == '#' || StartsWith(line, "host: ") ||
+          StartsWith(line, "android: ")) {
+        continue;
+      }
+      const auto [verb, arg] = Head(line);
+      if (verb == "scenario") {
+        std::string id = userland + "_" + arg;
+        for (char& c : id) c = isalnum(static_cast<unsigned char>(c)) != 0 ? c : '_';
+        scenarios.push_back({userland + ": " + arg, id, {}});
+      } else if (scenarios.size() > first) {
+        scenarios.back().steps.push_back({static_cast<int>(n + 1), verb, arg});
+      } else if (vocabulary != nullptr && userland == "host") {
+        const auto [name, rest] = Head(arg);
+        if (verb == "set") vocabulary->values[name] = rest;
+        if (verb == "normal") vocabulary->runs["normal"].push_back(name);
+        if (verb == "normal" || verb == "line") vocabulary->lines[name] = android::base::Trim(rest);
+        if (verb == "run") vocabulary->runs[name] = Split(android::base::Trim(rest), " ");
+      }
+    }
+  }
+  return scenarios;
 }
 
 // |text| with each \xNN replaced by the byte it names.
@@ -51,43 +99,69 @@ std::string Unescape(const std::string& text) {
   return out;
 }
 
-// The first word of |text| and the rest, both unescaped; all its words.
-std::pair<std::string, std::string> Head(const std::string& text) {
-  const size_t blank = std::min(text.find(' '), text.size());
-  return {Unescape(text.substr(0, blank)), Unescape(text.substr(std::min(blank + 1, text.size())))};
-}
-
-std::vector<std::string> Words(const std::string& text) {
-  std::vector<std::string> words;
-  for (const std::string& word : Split(text, " ")) {
-    if (!word.empty()) words.push_back(Unescape(word));
-  }
-  return words;
-}
-
-// The scenarios once for each userland, each with its steps for that userland: those without a
-// "host: " or "android: " in front, and those with its own.
-std::vector<Scenario> LoadScenarios() {
-  std::vector<Scenario> scenarios;
-  const std::vector<std::string> lines = Split(Slurp(ZQ_SCENARIOS), "\n");
-  for (const std::string userland : {"host", "android"}) {
-    for (size_t n = 0; n < lines.size(); ++n) {
-      std::string line = lines[n];
-      if (StartsWith(line, userland + ": ")) line = line.substr(userland.size() + 2);
-      if (line.empty() || line[0] == '#' || StartsWith(line, "host: ") ||
-          StartsWith(line, "android: ")) {
-        continue;
-      }
-      const size_t blank = std::min(line.find(' '), line.size());
-      const Step step{static_cast<int>(n + 1), line.substr(0, blank),
-                      line.substr(std::min(blank + 1, line.size()))};
-      std::string id = userland + "_" + step.arg;
-      for (char& c : id) c = isalnum(static_cast<unsigned char>(c)) != 0 ? c : '_';
-      if (step.verb == "scenario") scenarios.push_back({userland + ": " + step.arg, id, {}});
-      if (step.verb != "scenario" && !scenarios.empty()) scenarios.back().steps.push_back(step);
+// A scenario's values: the table's, with its own "set" steps over them.
+class Values {
+ public:
+  Values(const Vocabulary& v, const std::vector<Step>& steps) : values_(v.values) {
+    for (const Step& step : steps) {
+      if (step.verb == "set") values_[Head(step.arg).first] = Head(step.arg).second;
     }
   }
-  return scenarios;
+  // |text| with every {KEY} filled in, through the values it names in turn, then unescaped.
+  std::string Fill(std::string text) const {
+    for (size_t open; (open = text.find('{')) != std::string::npos;) {
+      const size_t close = text.find('}', open);
+      const auto value = values_.find(text.substr(open + 1, close - open - 1));
+      if (close == std::string::npos || value == values_.end()) break;
+      text.replace(open, close - open + 1, value->second);
+    }
+    return Unescape(text);
+  }
+
+ private:
+  std::map<std::string, std::string> values_;
+};
+
+// The log a scenario expects, in order: its run's lines, with its log, drop and add steps made.
+std::vector<std::string> ExpectedLog(const Vocabulary& v, const std::vector<Step>& steps,
+                                     const Values& values) {
+  std::string run = "normal";
+  for (const Step& step : steps) {
+    if (step.verb == "run") run = step.arg;
+  }
+  std::vector<std::pair<std::string, std::string>> log;  // name, text
+  for (const std::string& name : v.runs.at(run)) log.emplace_back(name, v.lines.at(name));
+  const auto at = [&](const std::string& name) {
+    const auto it =
+        std::find_if(log.begin(), log.end(), [&](const auto& l) { return l.first == name; });
+    EXPECT_NE(it, log.end()) << "no line " << name << " in run " << run;
+    return it;
+  };
+  // "@NAME" is the named line, "{}" the text it stands in for.
+  const auto line = [&](const std::string& text, const std::string& own) {
+    return StartsWith(text, "@") ? v.lines.at(text.substr(1))
+                                 : android::base::StringReplace(text, "{}", own, true);
+  };
+  std::map<std::string, int> added;
+  for (const Step& step : steps) {
+    const auto [name, text] = Head(step.arg);
+    if (step.verb == "log") {
+      auto it = at(name);
+      it->second = line(text, it->second);
+    } else if (step.verb == "drop") {
+      const std::vector<std::string> range = Split(name, "..");
+      log.erase(at(range.front()), at(range.back()) + 1);
+    } else if (step.verb == "add") {
+      const std::vector<std::string> repeat = Split(text, "*");
+      const int times = repeat.size() == 2 && StartsWith(text, "@") ? std::stoi(repeat[1]) : 1;
+      const std::string added_text = line(times > 1 ? repeat[0] : text, "");
+      log.insert(at(name) + 1 + added[name], times, {"", added_text});
+      added[name] += times;
+    }
+  }
+  std::vector<std::string> lines;
+  for (const auto& [name, text] : log) lines.push_back(values.Fill(text));
+  return lines;
 }
 
 // Whether |text| is |pattern|, where each "*" of |pattern| stands for any run of characters.
@@ -146,30 +220,57 @@ std::vector<std::string> Members(const std::string& path) {
   return members;
 }
 
+// Gives |path|, planted before a boot, the owner of what it stands for: the exception engine's
+// files are root's and the system group's, the rest the daemon's own. Only root can.
+void Own(const Device& d, const std::string& path) {
+  if (geteuid() != 0) return;
+  const bool engine = StartsWith(path, d.Path("data/vendor/aee_exp"));
+  ASSERT_EQ(lchown(path.c_str(), engine ? 0 : kSystem, kSystem), 0) << path;
+}
+
+// |path| with the folders it needs, each new one owned as Own says.
+void MakeParents(const Device& d, const fs::path& path) {
+  if (fs::exists(path.parent_path())) return;
+  MakeParents(d, path.parent_path());
+  fs::create_directory(path.parent_path());
+  Own(d, path.parent_path());
+}
+
 // Carries out a step that comes before the boot; the others are left alone.
-void Prepare(const Device& d, const Step& step) {
-  const auto [first, rest] = Head(step.arg);
-  const std::string path = d.Path(first);
+void Prepare(const Device& d, const Step& step, const Values& values) {
+  const std::string first = values.Fill(Head(step.arg).first);
+  const std::string rest = values.Fill(Head(step.arg).second);
+  std::string path = d.Path(first);
   if (step.verb == "setprop") d.Sim("setprop", {first, rest});
   if (step.verb == "write") {
-    fs::create_directories(fs::path(path).parent_path());
-    ASSERT_TRUE(path.back() == '/' || android::base::WriteStringToFile(rest, path)) << path;
+    const bool folder = path.back() == '/';
+    if (folder) path.pop_back();
+    MakeParents(d, path);
+    ASSERT_TRUE(folder ? fs::create_directory(path) : android::base::WriteStringToFile(rest, path))
+        << path;
+    Own(d, path);
   }
   if (step.verb == "mtime") {
     const struct timespec times[2] = {{std::stol(rest), 0}, {std::stol(rest), 0}};
     ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW), 0) << path;
   }
-  if (step.verb == "symlink") fs::create_symlink(first, d.Path(rest));
+  if (step.verb == "symlink") {
+    MakeParents(d, d.Path(rest));
+    fs::create_symlink(first, d.Path(rest));
+    Own(d, d.Path(rest));
+  }
   if (step.verb == "rm") fs::remove_all(path);
 }
 
 // Checks what a step after the boot says; the others are left alone.
-void Check(const Device& d, const Step& step, const std::vector<Record>& journal,
-           const std::vector<std::string>& log) {
-  const auto [first, rest] = Head(step.arg);
-  const std::vector<std::string> words = Words(step.arg);
-  const std::vector<std::string> tail(words.begin() + std::min<size_t>(1, words.size()),
-                                      words.end());
+void Check(const Device& d, const Step& step, const Values& values,
+           const std::vector<Record>& journal, const std::vector<std::string>& log) {
+  const std::string first = values.Fill(Head(step.arg).first);
+  const std::string rest = values.Fill(Head(step.arg).second);
+  std::vector<std::string> tail;
+  for (const std::string& word : Split(Head(step.arg).second, " ")) {
+    if (!word.empty()) tail.push_back(values.Fill(word));
+  }
   if (step.verb == "prop") {
     EXPECT_EQ(d.Prop(first), rest.empty() ? std::nullopt : std::optional(rest)) << first;
   } else if (step.verb == "reads") {
@@ -200,21 +301,25 @@ class ScenarioTest : public ::testing::TestWithParam<Scenario> {};
 TEST_P(ScenarioTest, EndsAsDesigned) {
   const Scenario& scenario = GetParam();
   const std::string userland = scenario.name.substr(0, scenario.name.find(':'));
-  std::vector<std::string> panic, boot, statuses = {"wait", "running", "1"}, ordered, anywhere, out;
+  Vocabulary vocabulary;
+  LoadScenarios(&vocabulary);
+  const Values values(vocabulary, scenario.steps);
+  std::vector<std::string> panic, boot, statuses = {"wait", "running", "1"}, anywhere, out;
   std::map<std::string, std::string> env;
   const std::string known =
-      " panic boot env setprop write mtime symlink rm status log logged "
+      " panic boot env setprop write mtime symlink rm status run set log drop add logged "
       "stdout prop reads took file same entries members mode ";
   for (const Step& step : scenario.steps) {
     EXPECT_NE(known.find(" " + step.verb + " "), std::string::npos)
         << "scenarios.txt:" << step.line << ": " << step.verb;
-    if (step.verb == "panic") panic = Words(step.arg);
-    if (step.verb == "boot") boot = Words(step.arg);
+    if (step.verb == "panic") panic = Split(step.arg, " ");
+    if (step.verb == "boot") {
+      for (const std::string& word : Split(step.arg, " ")) boot.push_back(values.Fill(word));
+    }
     if (step.verb == "env") env.insert(Head(step.arg));
-    if (step.verb == "status") statuses = Words(step.arg);
-    if (step.verb == "log") ordered.push_back(Unescape(step.arg));
-    if (step.verb == "logged") anywhere.push_back(Unescape(step.arg));
-    if (step.verb == "stdout") out.push_back(Unescape(step.arg));
+    if (step.verb == "status") statuses = Split(step.arg, " ");
+    if (step.verb == "logged") anywhere.push_back(values.Fill(step.arg));
+    if (step.verb == "stdout") out.push_back(values.Fill(step.arg));
   }
   if (kSanitized && std::find(boot.begin(), boot.end(), "--memcheck") != boot.end()) {
     GTEST_SKIP()
@@ -222,7 +327,7 @@ TEST_P(ScenarioTest, EndsAsDesigned) {
   }
   Device device;
   device.Panic(panic);
-  for (const Step& step : scenario.steps) Prepare(device, step);
+  for (const Step& step : scenario.steps) Prepare(device, step, values);
   if (std::find(boot.begin(), boot.end(), "--faketime") == boot.end()) {
     boot.insert(boot.end(), {"--faketime", "@2024-05-01 03:04:05"});
   }
@@ -242,65 +347,43 @@ TEST_P(ScenarioTest, EndsAsDesigned) {
   EXPECT_EQ(result.status == 0, normal) << result.err;
   // Within what the journal saw of the run, on the same clock, however fast that clock ran.
   EXPECT_LE(TimeTaken(messages), (journal.back().mono_ns - journal.front().mono_ns) / 1'000'000);
-  EXPECT_TRUE(Holds(messages, ordered, anywhere, true));
+  EXPECT_TRUE(Holds(messages, ExpectedLog(vocabulary, scenario.steps, values), anywhere, true));
   EXPECT_TRUE(Holds(Split(result.out, "\n"), out, {}, false));
   for (const Step& step : scenario.steps) {
     SCOPED_TRACE(StringPrintf("scenarios.txt:%d", step.line));
-    Check(device, step, journal, messages);
+    Check(device, step, values, journal, messages);
   }
 }
 
 INSTANTIATE_TEST_SUITE_P(Boots, ScenarioTest, ::testing::ValuesIn(LoadScenarios()),
                          [](const auto& info) { return info.param.id; });
 
-// After a normal boot that filed |kmsg|: no count names two archives, the newest archive is the
-// one directory and holds |kmsg|, five archives and two staging folders at most. Every .tar.gz
-// but those under |except| is a complete gzip of a complete tar holding its own folder and only
-// what the daemon puts in one (with |exact|, all of it): an exception database, or a panic archive
-// of the kernel log and that database.
-void ExpectFiled(const Device& d, const std::string& kmsg, bool exact, const std::string& except) {
-  EXPECT_EQ(d.Prop("vendor.minidump.cp.status"), "1");
-  const std::string dir = d.Path("mnt/vendor/zq_log/panic_log/");
-  std::map<long long, std::string> names;
-  std::vector<std::string> directories;
-  for (const std::string& entry : Entries(dir)) {
-    const std::string stem = entry.substr(0, entry.find(".tar.gz"));
-    const std::vector<std::string> fields = Split(stem, "_");
-    ASSERT_EQ(fields.size(), 3U) << entry;
-    EXPECT_EQ(names.emplace(std::stoll(fields[1]), stem).first->second, stem) << entry;
-    if (fs::is_directory(dir + entry)) directories.push_back(entry);
-  }
-  ASSERT_EQ(directories, std::vector<std::string>{names.rbegin()->second});
-  EXPECT_EQ(Slurp(dir + directories[0] + "/last_kmsg.txt"), kmsg);
-  EXPECT_LE(Entries(dir).size(), 6U);
-  EXPECT_LE(Entries(d.Path("data/vendor/dump_collect")).size(), 2U);
+std::string ArchiveName(int count, const std::string& time) {
+  return StringPrintf("ZQpanic_%d_", count) + time;
+}
 
-  const std::map<std::string, std::vector<std::string>> kinds = {
-      {"db.", {"SYS_KERNEL_LOG", "SYS_MINI_RDUMP", "ZZ_INTERNAL", "__exp_main.txt"}},
-      {"ZQpanic_", {"db.00.tar.gz", "last_kmsg.txt"}}};
-  for (const char* partition : {"data", "mnt"}) {
-    for (const auto& entry : fs::recursive_directory_iterator(d.Path(partition))) {
-      const std::string path = entry.path();
-      const std::string name = entry.path().filename();
-      if (!EndsWith(name, ".tar.gz") || !entry.is_regular_file()) continue;
-      if (!except.empty() && StartsWith(path, d.Path(except))) continue;
-      const std::string stem = name.substr(0, name.size() - 7);
-      std::vector<std::string> expected = {stem + "/"};
-      for (const auto& [prefix, files] : kinds) {
-        if (!StartsWith(stem, prefix)) continue;
-        for (const std::string& file : files) expected.push_back(stem + "/" + file);
-      }
-      std::sort(expected.begin(), expected.end());
-      const std::vector<std::string> members = Members(path);
-      if (exact) {
-        EXPECT_EQ(members, expected) << path;
-        continue;
-      }
-      EXPECT_TRUE(std::binary_search(members.begin(), members.end(), stem + "/")) << path;
-      EXPECT_TRUE(std::includes(expected.begin(), expected.end(), members.begin(), members.end()))
-          << path << ": " << Join(members, " ");
-    }
-  }
+// Whether the panic archive |name| in the category folder |dir| holds the kernel log |kmsg| whole:
+// as a complete gzip of a complete tar of its folder and an exception database archive, also
+// complete, or as that folder itself.
+::testing::AssertionResult Whole(const std::string& dir, const std::string& name,
+                                 const std::string& kmsg) {
+  // The folder, or the archive unpacked: its own folder, the kernel log and one complete database
+  // archive, and nothing else.
+  const Result check =
+      Run({"sh", "-c",
+           R"sh(set -e; cd "$1"; if [ -f "$2.tar.gz" ]; then t=$(mktemp -d); trap 'rm -rf "$t"' EXIT
+            tar -xzf "$2.tar.gz" -C "$t"; cd "$t"; fi
+          [ "$(ls -A "$2" | sed 's/^db\.[0-9]*\.tar\.gz$/DB/' | tr '\n' ' ')" = "DB last_kmsg.txt " ]
+          tar -tzf "$2"/db.*.tar.gz >/dev/null; cat "$2/last_kmsg.txt")sh",
+           "sh", dir, name});
+  if (check.status == 0 && check.out == kmsg) return ::testing::AssertionSuccess();
+  return ::testing::AssertionFailure() << dir << "/" << name << " is not whole: " << check.err
+                                       << (check.out == kmsg ? "" : " (not its kernel log)");
+}
+
+// The kernel log that the last panic left on |d|.
+std::string LastKmsg(const Device& d) {
+  return Slurp(d.Pull("/data/vendor/aee_exp/last_kmsg.txt"));
 }
 
 // A phone that panics at every boot: 50 boots on one device root with a new panic each, with a
@@ -311,23 +394,23 @@ TEST_P(CrashLoopTest, EveryPanicIsArchivedAndStorageStaysBounded) {
   const std::string userland = GetParam().substr(0, GetParam().find('_'));
   const bool frozen = EndsWith(GetParam(), "frozen_clock");
   Device device;
-  const std::string dir = device.Path("mnt/vendor/zq_log/panic_log/");
+  const std::string dir = device.Path("mnt/vendor/zq_log/panic_log");
   auto time = [&](int boot) { return StringPrintf("2024-05-01-03-%02d-05", frozen ? 4 : boot); };
-  auto name = [&](int boot) { return StringPrintf("ZQpanic_%d_", boot) + time(boot); };
+  std::vector<std::string> kmsg;
   for (int boot = 0; boot < 50; ++boot) {
     SCOPED_TRACE(boot);
-    fs::remove_all(device.Path("data/vendor/aee_exp/db.00"));
     device.Panic();
-    const std::string kmsg = Slurp(device.Path("data/vendor/aee_exp/last_kmsg.txt"));
+    kmsg.push_back(Slurp(device.Path("data/vendor/aee_exp/last_kmsg.txt")));
     const Result result = device.Boot({"--userland", userland, "--faketime",
                                        StringPrintf("@2024-05-01 03:%02d:05", frozen ? 4 : boot)});
     ASSERT_EQ(result.status, 0) << result.err;
-    ExpectFiled(device, kmsg, true, "");
-    EXPECT_EQ(device.Prop("vendor.zq_dump.last_panic_log"), name(boot));
-    // The archives by count and time: this boot's directory beside the newest.
-    std::vector<std::string> expected = {name(boot), name(boot) + ".tar.gz"};
-    for (int kept = std::max(0, boot - 4); kept < boot; ++kept) {
-      expected.push_back(name(kept) + ".tar.gz");
+    EXPECT_EQ(device.Prop("vendor.minidump.cp.status"), "1");
+    EXPECT_EQ(device.Prop("vendor.zq_dump.last_panic_log"), ArchiveName(boot, time(boot)));
+    // The archives by count and time: this boot's folder beside the newest, each whole.
+    std::vector<std::string> expected = {ArchiveName(boot, time(boot))};
+    for (int kept = std::max(0, boot - 4); kept <= boot; ++kept) {
+      expected.push_back(ArchiveName(kept, time(kept)) + ".tar.gz");
+      EXPECT_TRUE(Whole(dir, ArchiveName(kept, time(kept)), kmsg[kept]));
     }
     std::sort(expected.begin(), expected.end());
     EXPECT_EQ(Entries(dir), expected);
@@ -341,42 +424,92 @@ INSTANTIATE_TEST_SUITE_P(Boots, CrashLoopTest,
                                            "android_moving_clock", "android_frozen_clock"),
                          [](const auto& info) { return info.param; });
 
-// The power cut at each change a boot makes to the persistent partitions, each followed by a
-// normal boot, on a phone with history: staging folders to retire and archives to rotate.
-class KillPointTest : public ::testing::TestWithParam<std::string> {};
+// A power cut at each change a boot makes to /data and /mnt, and right after it ends, on a phone
+// with history (staging folders to retire, archives to rotate), each cut followed by the next
+// panic and a normal boot. What the partitions hold at a cut: on plain folders, all that was
+// written (the page cache survives); on ext4, only what was synced, or the journal as committed at
+// the cut without the file data not yet written back.
+class KillPointTest : public ::testing::TestWithParam<std::tuple<std::string, std::string>> {};
 
-TEST_P(KillPointTest, TheNextBootMakesGoodACutAnywhere) {
-  const std::string userland = GetParam();
-  Device history;
-  for (int boot = 0; boot < 7; ++boot) {
-    fs::remove_all(history.Path("data/vendor/aee_exp/db.00"));
+TEST_P(KillPointTest, EveryPanicOnDiskBeforeACutSurvivesIt) {
+  const auto& [userland, on_disk] = GetParam();
+  const bool ext4 = on_disk != "written";
+  if (ext4 && geteuid() != 0) GTEST_SKIP() << "ext4 partitions are loop-mounted: that needs root";
+  // Six boots, a minute apart, each after a panic; then the panic that the cut boot finds.
+  Device history(ext4);
+  std::map<std::string, std::string> kmsg;  // each panic's, by the time of its boot
+  auto minute = [](int m) { return StringPrintf("2024-05-01 03:%02d:05", m); };
+  auto time = [](int m) { return StringPrintf("2024-05-01-03-%02d-05", m); };
+  for (int boot = 0; boot <= 6; ++boot) {
     history.Panic();
-    if (boot == 6) break;  // the panic that the cut boot finds
-    ASSERT_EQ(history.Boot({"--faketime", StringPrintf("@2024-05-01 03:0%d:05", boot)}).status, 0);
+    const int m = boot < 6 ? boot : 10;
+    kmsg[time(m)] = LastKmsg(history);
+    if (boot == 6) break;
+    ASSERT_EQ(history.Boot({"--userland", userland, "--faketime", "@" + minute(m)}).status, 0);
+    ASSERT_TRUE(Whole(history.Pull("/mnt/vendor/zq_log/panic_log"), ArchiveName(boot, time(m)),
+                      kmsg[time(m)]));
   }
-  const std::string kmsg = Slurp(history.Path("data/vendor/aee_exp/last_kmsg.txt"));
-  auto boot = [&](const Device& d, size_t cut, const char* time) {
-    return d.Boot({"--userland", userland, "--power-cut", std::to_string(cut), "--faketime", time});
-  };
-  // Cut at the first change, the second, ... until a boot makes fewer changes than the cut
-  // waits for and ends on its own: no count taken from another boot decides where to stop.
-  size_t k = 1;
-  for (;; ++k) {
-    SCOPED_TRACE(StringPrintf("power cut at change %zu", k));
+  // Cut at the first change (or sync), the second, ... until a boot ends on its own, then at its
+  // end: no count taken from another boot decides where to stop.
+  std::vector<std::string> cuts;
+  for (int n = 1;; ++n) {
+    const std::string cut = on_disk == "synced" ? "sync:" + std::to_string(n) : std::to_string(n);
+    SCOPED_TRACE("power cut " + cut);
     Device device;
-    ASSERT_EQ(::Run({"cp", "-a", history.Path("."), device.Path("")}).status, 0);
-    const Result cut = boot(device, k, "@2024-05-01 03:10:05");
-    if (cut.status == 0) break;
-    ASSERT_EQ(cut.status, 137) << cut.err;
-    const Result next = boot(device, 0, "@2024-05-01 03:11:05");
-    ASSERT_EQ(next.status, 0) << next.err;
-    // Only what the cut boot was writing in its own staging folder may be cut short.
-    ExpectFiled(device, kmsg, false, "data/vendor/dump_collect/panic_log_2024-05-01-03-10-05");
+    history.CopyTo(device);
+    std::vector<std::string> options = {"--userland", userland, "--faketime", "@" + minute(10)};
+    const Result cut_boot = device.Boot([&](std::vector<std::string> o) {
+      o.insert(o.end(), {"--power-cut", cut});
+      if (ext4) o.insert(o.end(), {"--on-disk", on_disk});
+      return o;
+    }(options));
+    const bool uncut = cut_boot.status == 0;
+    if (uncut && ext4) {
+      // The same boot once more, cut right after it ends.
+      history.CopyTo(device);
+      options.insert(options.end(), {"--power-cut", "end", "--on-disk", on_disk});
+      ASSERT_EQ(device.Boot(options).status, 0);
+    } else if (uncut) {
+      break;  // on plain folders nothing is lost after the end
+    } else {
+      ASSERT_EQ(cut_boot.status, 137) << cut_boot.err;
+    }
+    cuts.push_back(uncut ? "end" : cut);
+    // The next panic, and the boot after it.
+    device.Panic();
+    const std::string next_kmsg = LastKmsg(device);
+    ASSERT_EQ(device.Boot({"--userland", userland, "--faketime", "@" + minute(11)}).status, 0);
+    EXPECT_EQ(device.Prop("vendor.minidump.cp.status"), "1");
+    const std::string dir = device.Pull("/mnt/vendor/zq_log/panic_log");
+    // Bounded: five archives, this boot's folder, and what a cut removal left aside.
+    std::vector<std::string> entries = Entries(dir);
+    if (entries.front() == ".zq_mrdump_removing") entries.erase(entries.begin());
+    EXPECT_LE(entries.size(), 6U) << Join(entries, " ");
+    // This boot's archive is the newest, and whole.
+    int count = -1;
+    for (const std::string& entry : entries)
+      count = std::max(count, std::stoi(Split(entry, "_")[1]));
+    EXPECT_TRUE(Whole(dir, ArchiveName(count, time(11)), next_kmsg)) << Join(entries, " ");
+    // Every earlier panic the retention keeps is whole; the cut boot's own, if cut after its end.
+    for (int m = std::max(0, count - 4); m < 6; ++m) {
+      EXPECT_TRUE(Whole(dir, ArchiveName(m, time(m)), kmsg[time(m)]));
+    }
+    if (uncut) {
+      EXPECT_TRUE(Whole(dir, ArchiveName(6, time(10)), kmsg[time(10)]));
+    }
+    EXPECT_LE(Entries(device.Pull("/data/vendor/dump_collect")).size(), 2U);
+    if (uncut) break;
   }
-  EXPECT_GT(k, 20U) << "a boot makes a few dozen changes";
-  std::cout << userland << ": " << k - 1 << " kill points tried\n";
+  EXPECT_GT(cuts.size(), ext4 && on_disk == "synced" ? 2U : 20U)
+      << "a boot makes a few dozen changes";
+  std::cout << userland << ", " << on_disk << ": power cut at " << Join(cuts, " ") << "\n";
 }
 
-INSTANTIATE_TEST_SUITE_P(Boots, KillPointTest, ::testing::Values("host", "android"));
+INSTANTIATE_TEST_SUITE_P(Boots, KillPointTest,
+                         ::testing::Combine(::testing::Values("host", "android"),
+                                            ::testing::Values("written", "committed", "synced")),
+                         [](const auto& info) {
+                           return std::get<0>(info.param) + "_" + std::get<1>(info.param);
+                         });
 
 }  // namespace

@@ -25,6 +25,7 @@ constexpr char kLastDumpProperty[] = "vendor.zq_dump.last_dump";
 constexpr char kLastPanicLogProperty[] = "vendor.zq_dump.last_panic_log";
 constexpr fs::perms kZqLogMode = fs::perms::owner_all | fs::perms::group_all;  // 0770
 constexpr size_t kCommandSize = 512;
+constexpr char kRemovedAside[] = ".zq_mrdump_removing";
 
 std::string ErrorText(const std::error_code& ec) {
   return std::string(ec.category().name()) + ":" + std::to_string(ec.value());
@@ -216,8 +217,13 @@ int tar_and_delete_dir(std::string dir, bool remove_dir) {
   } else {
     LOG(INFO) << parent << "/" << base << " save as " << archive << std::endl;
   }
-  // Removed even when tar failed: the flag alone decides.
-  if (remove_dir) ZQRemoveFile(dir);
+  // Removed even when tar failed: the flag alone decides. The directory goes only once its archive,
+  // whoever finished writing it, and the archive's name are on disk.
+  if (remove_dir) {
+    SyncToDisk(archive);
+    SyncToDisk(parent);
+    ZQRemoveFile(dir);
+  }
   chang_to_zq_log_mod(archive);
   return 0;
 }
@@ -249,12 +255,21 @@ int ZQRemoveFile(std::string path) {
     LOG(ERROR) << "remove file not exist: " << path;
     return 0;
   }
+  // Moved aside in one step before the tree goes entry by entry: a folder cut short halfway would
+  // be compressed again by the next rotation, over the whole archive made from it. One such
+  // leftover per directory at most; a dot keeps it out of the rotation.
+  const fs::path aside = fs::path(path).parent_path() / kRemovedAside;
+  std::error_code ignored;
+  fs::remove_all(aside, ignored);
+  fs::rename(path, aside, ignored);
+  const bool moved = !ignored;
   std::error_code ec;
-  fs::remove_all(path, ec);
+  fs::remove_all(moved ? aside : fs::path(path), ec);
   if (ec.value() == 0) {
     LOG(ERROR) << "remove pass: " << path;
     return 0;
   }
+  if (moved) fs::rename(aside, path, ignored);  // what could not go stays where it was
   LOG(ERROR) << "remove failed: " << path << ErrorText(ec);
   return -1;
 }

@@ -3,11 +3,13 @@
 #include "zq_mrdump_collect.h"
 
 #include <cutils/properties.h>
+#include <fcntl.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <time.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <ctime>
@@ -18,6 +20,7 @@
 #include <thread>
 
 #include <android-base/logging.h>
+#include <android-base/unique_fd.h>
 
 #include "archive.h"
 #include "log_types.h"
@@ -30,6 +33,7 @@ constexpr char kRamdumpProperty[] = "vendor.debug.mtk.aeev.ramdump";
 constexpr char kNeedUploadProperty[] = "vendor.minidump.need_upload";
 constexpr char kCbtFile[] = "/mnt/vendor/persist/CBT.txt";
 constexpr char kTimestampFormat[] = "%Y-%m-%d-%H-%M-%S";
+constexpr char kLogPartition[] = "/mnt/vendor/zq_log/";
 
 constexpr int kRamdumpPolls = 30;
 constexpr std::chrono::nanoseconds kRamdumpPollInterval{10'000'000'000};
@@ -110,6 +114,15 @@ int RunCommand(const std::string& command, std::chrono::milliseconds bound) {
   return result;
 }
 
+bool SyncToDisk(const std::string& path, bool whole_file_system) {
+  const android::base::unique_fd fd(TEMP_FAILURE_RETRY(open(path.c_str(), O_RDONLY | O_CLOEXEC)));
+  if (fd.get() < 0 || (whole_file_system ? syncfs(fd.get()) : fsync(fd.get())) != 0) {
+    PLOG(ERROR) << (whole_file_system ? "syncfs " : "fsync ") << path;
+    return false;
+  }
+  return true;
+}
+
 std::string getCurrentTimeFormatted() {
   const time_t now = time(nullptr);
   const struct tm* local = localtime(&now);  // not re-entrant; the daemon has one thread
@@ -141,6 +154,12 @@ int main(int /*argc*/, char** argv) {
     copy_to_dump_collect();
     LimitFolderNum(std::filesystem::path(gDumpCollectDir), kStagingFoldersKept);
     copy_to_zq_log();
+    // A panic reboots without writing back the page cache: the final "1" means that what this
+    // run staged and filed is on disk. A tree that does not exist holds nothing of this run.
+    for (const std::string& tree : {gDumpCollectDir, std::string(kLogPartition)}) {
+      std::error_code missing;
+      if (std::filesystem::exists(tree, missing)) SyncToDisk(tree, true);
+    }
   } else {
     LOG(INFO) << "mrdump is not dumping or done.";
   }
