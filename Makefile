@@ -63,7 +63,7 @@ bench: build
 
 format:
 	@clang-format -i zq_mrdump/*.cpp zq_mrdump/*.h host/*.cpp host/*.h host/include/sys/*.h \
-	  tests/*.cpp tests/*.h fuzz/*.cpp fuzz/*.h
+	  tests/*.cpp tests/*.h fuzz/*.cpp fuzz/*.h devsim/*.cpp
 
 # The counts of warnings clang-tidy suppressed in system headers are left out. bpfmt is the
 # formatter of AOSP's upload checks.
