@@ -75,11 +75,12 @@ std::vector<std::string> Messages(const std::vector<Record>& journal) {
   return messages;
 }
 
-Device::Device(bool ext4) : root_(std::string(dir_.path) + "/phone") {
+Device::Device(bool ext4) : root_(std::string(dir_.path) + "/phone"), ext4_(ext4) {
   Sim("init", ext4 ? std::vector<std::string>{"--ext4"} : std::vector<std::string>{});
 }
 
 std::string Device::Pull(const std::string& phone_path) const {
+  if (!ext4_) return Path(phone_path.substr(1));
   const std::string copy = std::string(dir_.path) + "/pulled." + std::to_string(++pulls_);
   Sim("pull", {phone_path, copy});
   return copy;
@@ -89,6 +90,7 @@ void Device::CopyTo(const Device& other) const {
   std::filesystem::remove_all(other.root_);
   const Result copy = Run({"cp", "-a", "--sparse=always", root_, other.root_});
   ASSERT_EQ(copy.status, 0) << copy.err;
+  other.ext4_ = ext4_;
 }
 
 void Device::Sim(const std::string& verb, const std::vector<std::string>& args) const {
@@ -104,14 +106,10 @@ void Device::Panic(const std::vector<std::string>& options) const {
   Sim("panic", args);
 }
 
-Result Device::Boot(const std::vector<std::string>& options,
-                    const std::map<std::string, std::string>& env) const {
+Result Device::Boot(const std::vector<std::string>& options) const {
   std::vector<std::string> argv = {"timeout", "120", ZQ_DEVSIM, "boot", root_};
   argv.insert(argv.end(), options.begin(), options.end());
-  std::map<std::string, std::string> all = env;
-  all.emplace("ZQ_MRDUMP_COLLECT", ZQ_MRDUMP_COLLECT);
-  all.emplace("TZ", "UTC");
-  return Run(argv, all);
+  return Run(argv, {{"ZQ_MRDUMP_COLLECT", ZQ_MRDUMP_COLLECT}, {"TZ", "UTC"}});
 }
 
 InProcessPlatform::InProcessPlatform() {

@@ -1,5 +1,5 @@
-// A simulated phone for end-to-end tests, driven through zq-devsim as a person would drive it,
-// and the host layer pointed at temporary files for tests that call the daemon in process.
+// A simulated phone driven through zq-devsim as a person would, and the host layer on temporary
+// files for tests that call the daemon in process.
 #pragma once
 
 #include <map>
@@ -25,11 +25,10 @@ struct Result {
 // Runs |argv| with |env| added to the environment, capturing both output streams.
 Result Run(const std::vector<std::string>& argv,
            const std::map<std::string, std::string>& env = {});
-// The contents of |path|, or nullopt when it cannot be read (an unset property).
+// The contents of |path|, or nullopt when it cannot be read (an unset property), or "".
 std::optional<std::string> Read(const std::string& path);
 std::string Slurp(const std::string& path);
-// The sorted names in |dir|.
-std::vector<std::string> Entries(const std::string& dir);
+std::vector<std::string> Entries(const std::string& dir);  // sorted
 // The records of the journal at |path|; the messages of its log records, in order.
 std::vector<Record> ReadJournal(const std::string& path);
 std::vector<std::string> Messages(const std::vector<Record>& journal);
@@ -40,16 +39,13 @@ class Device {
   explicit Device(bool ext4 = false);
 
   std::string Path(const std::string& relative) const { return root_ + "/" + relative; }
-  // zq-devsim |verb| on this phone with |args|, which must succeed; panic with small evidence.
+  // zq-devsim |verb| on this phone with |args|, which must succeed; a panic of small evidence.
   void Sim(const std::string& verb, const std::vector<std::string>& args = {}) const;
   void Panic(const std::vector<std::string>& options = {}) const;
   // zq-devsim boot with |options|, in UTC.
-  Result Boot(const std::vector<std::string>& options,
-              const std::map<std::string, std::string>& env = {}) const;
-  // The phone's |phone_path| copied to the workstation, out of its images if it has them; the
-  // copy's path.
+  Result Boot(const std::vector<std::string>& options) const;
+  // The phone's |phone_path| on the workstation: copied out of its images if it has them.
   std::string Pull(const std::string& phone_path) const;
-  // This phone copied whole to a new device root.
   void CopyTo(const Device& other) const;
   std::optional<std::string> Prop(const std::string& name) const {
     return Read(Path("properties/" + name));
@@ -59,6 +55,7 @@ class Device {
  private:
   TemporaryDir dir_;
   std::string root_;
+  mutable bool ext4_;  // a copy takes its source's
   mutable int pulls_ = 0;
 };
 

@@ -1,5 +1,4 @@
-// The workstation's property area and journal, which every other test reads back through: they
-// must behave as the phone's property service and logd do, and lose no byte.
+// The workstation's property area and journal behave as the phone's and lose no byte.
 #include <cutils/properties.h>
 
 #include <android-base/test_utils.h>

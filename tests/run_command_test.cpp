@@ -1,5 +1,4 @@
-// The runner of the daemon's shell commands, in process: what a command leaves running is waited
-// for within a bound (a boot shows the waiting), which a boot could reach only by waiting a minute.
+// The bound on waiting for what a command leaves running, which a boot reaches only after a minute.
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
