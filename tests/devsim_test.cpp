@@ -39,7 +39,7 @@ TEST(SimulatorTest, RefusesInOneLineAndChangesNothing) {
   for (const auto& [argv, says] : refusals) {
     std::vector<std::string> command = argv;
     if (command.front() != "flock") command.insert(command.begin(), ZQ_DEVSIM);
-    const Result result = ::Run(command);
+    const Result result = ::Run(command, {{"ZQ_MRDUMP_COLLECT", ZQ_MRDUMP_COLLECT}});
     const std::string line = android::base::Join(command, " ");
     EXPECT_EQ(result.status, 2) << line;
     EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1) << line << result.err;
