@@ -34,6 +34,10 @@ struct Scenario {
   std::vector<Step> steps;  // for the userland at hand
 };
 
+void PrintTo(const Scenario& s, std::ostream* os) {
+  *os << s.name;
+}
+
 // The first word of |text| and the rest.
 std::pair<std::string, std::string> Head(const std::string& text) {
   const size_t blank = std::min(text.find(' '), text.size());
