@@ -32,7 +32,6 @@ TEST(SimulatorTest, RefusesInOneLineAndChangesNothing) {
       {{"boot", root, "--slow-gzip", "0"}, "not '0'"},
       {{"boot", root, "--on-disk", "committed", "--power-cut", "end"}, "ext4"},
       {{"pull", root, "/vendor/bin/zq_mrdump_collect", device.Path("x")}, "'/vendor/bin/"},
-      // A second command while one holds the phone: here flock(1), holding its lock.
       {{"flock", device.Path(".devsim/lock"), ZQ_DEVSIM, "boot", root}, "is busy"},
   };
   const std::string before = Snapshot(root);

@@ -74,7 +74,7 @@ TEST(KitTest, GrantsWhatABootUses) {
   EXPECT_EQ(fstab[1], "/mnt/vendor/zq_log");
   // A partition that cannot be mounted or formatted must not fail mount_all, and the boot with it.
   EXPECT_NE(fstab[4].find("nofail"), std::string::npos) << fstab[4];
-  rows += "init " + fstab[1] + " dir mounton\n";
+  rows += "init " + fstab[1] + " dir mounton\ninit /vendor/bin/zq_mrdump_collect file execute\n";
   for (const char* domain : {"fsck", "e2fs"})
     rows += domain + (" " + fstab[0]) + " blk_file open read write\n";
   for (const Record& r : device.Journal()) {

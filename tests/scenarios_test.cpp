@@ -82,36 +82,22 @@ std::vector<Scenario> LoadScenarios(Vocabulary* vocabulary = nullptr) {
   return scenarios;
 }
 
-// |text| with each \xNN replaced by the byte it names.
-std::string Unescape(std::string text) {
+using Values = std::map<std::string, std::string>;
+
+// |text| with every {KEY} filled in from |values|, through the values it names in turn, and each
+// \xNN replaced by the byte it names.
+std::string Fill(const Values& values, std::string text) {
+  for (size_t open; (open = text.find('{')) != std::string::npos;) {
+    const size_t close = text.find('}', open);
+    const auto value = values.find(text.substr(open + 1, close - open - 1));
+    if (close == std::string::npos || value == values.end()) break;
+    text.replace(open, close - open + 1, value->second);
+  }
   for (size_t i = 0; (i = text.find("\\x", i)) != std::string::npos && i + 3 < text.size(); ++i) {
     text.replace(i, 4, 1, static_cast<char>(std::stoi(text.substr(i + 2, 2), nullptr, 16)));
   }
   return text;
 }
-
-// A scenario's values: the table's, with its own "set" steps over them.
-class Values {
- public:
-  Values(const Vocabulary& v, const std::vector<Step>& steps) : values_(v.values) {
-    for (const Step& step : steps) {
-      if (step.verb == "set") values_[Head(step.arg).first] = Head(step.arg).second;
-    }
-  }
-  // |text| with every {KEY} filled in, through the values it names in turn, then unescaped.
-  std::string Fill(std::string text) const {
-    for (size_t open; (open = text.find('{')) != std::string::npos;) {
-      const size_t close = text.find('}', open);
-      const auto value = values_.find(text.substr(open + 1, close - open - 1));
-      if (close == std::string::npos || value == values_.end()) break;
-      text.replace(open, close - open + 1, value->second);
-    }
-    return Unescape(text);
-  }
-
- private:
-  std::map<std::string, std::string> values_;
-};
 
 // The log a scenario expects, in order: its run's lines, with its log, drop and add steps made.
 std::vector<std::string> ExpectedLog(const Vocabulary& v, const std::vector<Step>& steps,
@@ -151,7 +137,7 @@ std::vector<std::string> ExpectedLog(const Vocabulary& v, const std::vector<Step
     }
   }
   std::vector<std::string> lines;
-  for (const auto& [name, text] : log) lines.push_back(values.Fill(text));
+  for (const auto& [name, text] : log) lines.push_back(Fill(values, text));
   return lines;
 }
 
@@ -210,8 +196,8 @@ void MakeParents(const Device& d, const fs::path& path) {
 
 // Carries out a step that comes before the boot; the others are left alone.
 void Prepare(const Device& d, const Step& step, const Values& values) {
-  const std::string first = values.Fill(Head(step.arg).first);
-  const std::string rest = values.Fill(Head(step.arg).second);
+  const std::string first = Fill(values, Head(step.arg).first);
+  const std::string rest = Fill(values, Head(step.arg).second);
   std::string path = d.Path(first);
   if (step.verb == "setprop") d.Sim("setprop", {first, rest});
   if (step.verb == "write") {
@@ -236,11 +222,11 @@ void Prepare(const Device& d, const Step& step, const Values& values) {
 // Checks what a step after the boot says; the others are left alone.
 void Check(const Device& d, const Step& step, const Values& values,
            const std::vector<std::string>& log) {
-  const std::string first = values.Fill(Head(step.arg).first);
-  const std::string rest = values.Fill(Head(step.arg).second);
+  const std::string first = Fill(values, Head(step.arg).first);
+  const std::string rest = Fill(values, Head(step.arg).second);
   std::vector<std::string> tail;
   for (const std::string& word : Split(Head(step.arg).second, " ")) {
-    if (!word.empty()) tail.push_back(values.Fill(word));
+    if (!word.empty()) tail.push_back(Fill(values, word));
   }
   if (step.verb == "prop") {
     EXPECT_EQ(d.Prop(first), rest.empty() ? std::nullopt : std::optional(rest)) << first;
@@ -265,7 +251,10 @@ TEST_P(ScenarioTest, EndsAsDesigned) {
   const std::string userland = scenario.name.substr(0, scenario.name.find(':'));
   Vocabulary vocabulary;
   LoadScenarios(&vocabulary);
-  const Values values(vocabulary, scenario.steps);
+  Values values = vocabulary.values;  // the table's, with the block's own "set" steps over them
+  for (const Step& step : scenario.steps) {
+    if (step.verb == "set") values[Head(step.arg).first] = Head(step.arg).second;
+  }
   std::vector<std::string> panic, boot, statuses = {"wait", "running", "1"}, anywhere;
   const std::string known =
       " panic boot setprop write mtime symlink status run set log drop add logged "
@@ -275,10 +264,10 @@ TEST_P(ScenarioTest, EndsAsDesigned) {
         << "scenarios.txt:" << step.line << ": " << step.verb;
     if (step.verb == "panic") panic = Split(step.arg, " ");
     if (step.verb == "boot") {
-      for (const std::string& word : Split(step.arg, " ")) boot.push_back(values.Fill(word));
+      for (const std::string& word : Split(step.arg, " ")) boot.push_back(Fill(values, word));
     }
     if (step.verb == "status") statuses = Split(step.arg, " ");
-    if (step.verb == "logged") anywhere.push_back(values.Fill(step.arg));
+    if (step.verb == "logged") anywhere.push_back(Fill(values, step.arg));
   }
   if (kSanitized && std::find(boot.begin(), boot.end(), "--memcheck") != boot.end()) {
     GTEST_SKIP() << "valgrind cannot run a daemon built with AddressSanitizer";

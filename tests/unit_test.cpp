@@ -1,5 +1,4 @@
-// The parse of archive names, to its limits: a table that needs no simulated phone, built into the
-// workstation's tests and into the phone's zq_mrdump_collect_test.
+// The parse of archive names to its limits, here and in the phone's zq_mrdump_collect_test.
 #include <stdexcept>
 #include <string>
 
