@@ -16,7 +16,7 @@ MAKEFLAGS += --no-print-directory
 
 FUZZ_SECONDS ?= 60
 
-BENCH_RUNS ?= 7
+BENCH_RUNS ?= 15
 
 BP_FILES := zq_mrdump/Android.bp tests/Android.bp
 
