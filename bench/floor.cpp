@@ -25,8 +25,7 @@ int main() {
       RunCommand(command);
     }
   }
-  fprintf(stderr, "zq-floor: sync_ms=%lld\n",
-          static_cast<long long>(
-              std::chrono::duration_cast<std::chrono::milliseconds>(syncing).count()));
+  const auto sync_ms = std::chrono::duration_cast<std::chrono::milliseconds>(syncing).count();
+  (void)fprintf(stderr, "zq-floor: sync_ms=%lld\n", static_cast<long long>(sync_ms));
   return 0;
 }
