@@ -7,14 +7,16 @@
 namespace {
 
 // The commands the daemon runs are measured as the floor's are, not as the daemon.
-__attribute__((constructor)) void Forget() { unsetenv("LD_PRELOAD"); }
+__attribute__((constructor)) void Forget() {
+  unsetenv("LD_PRELOAD");
+}
 
 __attribute__((destructor)) void Report() {
   struct rusage self = {};
   getrusage(RUSAGE_SELF, &self);
   const long cpu_us = (self.ru_utime.tv_sec + self.ru_stime.tv_sec) * 1'000'000L +
                       self.ru_utime.tv_usec + self.ru_stime.tv_usec;
-  fprintf(stderr, "zq-rusage: cpu_us=%ld maxrss_kib=%ld\n", cpu_us, self.ru_maxrss);
+  (void)fprintf(stderr, "zq-rusage: cpu_us=%ld maxrss_kib=%ld\n", cpu_us, self.ru_maxrss);
 }
 
 }  // namespace
