@@ -64,7 +64,7 @@ bench: build
 format:
 	@scripts/install-deps --lint
 	@clang-format -i zq_mrdump/*.cpp zq_mrdump/*.h host/*.cpp host/*.h host/include/sys/*.h \
-	  tests/*.cpp tests/*.h fuzz/*.cpp fuzz/*.h devsim/*.cpp
+	  tests/*.cpp tests/*.h fuzz/*.cpp fuzz/*.h devsim/*.cpp bench/*.cpp
 
 # The counts of warnings clang-tidy suppressed in system headers are left out. bpfmt is the
 # formatter of AOSP's upload checks.

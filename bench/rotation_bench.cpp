@@ -23,8 +23,9 @@ void BM_CountAndRotate(benchmark::State& state) {
     TemporaryDir tmp;
     const std::string dir = std::string(tmp.path) + "/";
     for (int64_t n = 0; n < state.range(0); ++n) {
-      android::base::WriteStringToFile("", dir + android::base::StringPrintf("ZQpanic_%lld_t.tar.gz",
-                                                                             static_cast<long long>(n)));
+      android::base::WriteStringToFile(
+          "",
+          dir + android::base::StringPrintf("ZQpanic_%lld_t.tar.gz", static_cast<long long>(n)));
     }
     state.ResumeTiming();
     const int next = get_new_zq_log_count(dir, "ZQpanic_");
@@ -33,7 +34,11 @@ void BM_CountAndRotate(benchmark::State& state) {
   state.SetComplexityN(state.range(0));
 }
 
-BENCHMARK(BM_CountAndRotate)->Arg(1000)->Arg(10000)->Unit(benchmark::kMillisecond)->Complexity(benchmark::oN);
+BENCHMARK(BM_CountAndRotate)
+    ->Arg(1000)
+    ->Arg(10000)
+    ->Unit(benchmark::kMillisecond)
+    ->Complexity(benchmark::oN);
 
 }  // namespace
 
