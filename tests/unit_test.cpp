@@ -1,4 +1,4 @@
-// The parse of archive names to its limits, here and in the phone's zq_mrdump_collect_test.
+// Archive names parsed to their limits and category indexes refused, here and on the phone.
 #include <stdexcept>
 #include <string>
 
@@ -26,6 +26,14 @@ TEST(ArchiveNameTest, CountIsTheMiddleOfThreeFieldsWhenAllDigits) {
   // Unguarded on purpose: these end a run.
   EXPECT_THROW(get_boot_count_by_file_name("ZQpanic__x"), std::invalid_argument);
   EXPECT_THROW(get_boot_count_by_file_name("ZQpanic_9223372036854775808_x"), std::out_of_range);
+}
+
+// Callers see only "not 0"; -22 is what the units promise anyone else who calls them.
+TEST(LogTypeIndexTest, FiveAndAboveAreInvalid) {
+  for (const unsigned int type : {5U, 100U, 4294967295U}) {
+    EXPECT_EQ(prepare_type_log_and_dir(type), -22) << type;
+    EXPECT_EQ(create_type_new_zq_log_dir(type), -22) << type;
+  }
 }
 
 }  // namespace
