@@ -75,12 +75,12 @@ std::vector<std::string> Messages(const std::vector<Record>& journal) {
   return messages;
 }
 
-Device::Device(bool ext4) : root_(std::string(dir_.path) + "/phone"), ext4_(ext4) {
+Device::Device(bool ext4) : root_(std::string(dir_.path) + "/phone") {
   Sim("init", ext4 ? std::vector<std::string>{"--ext4"} : std::vector<std::string>{});
 }
 
 std::string Device::Pull(const std::string& phone_path) const {
-  if (!ext4_) return Path(phone_path.substr(1));
+  if (!std::filesystem::is_directory(Path("images"))) return Path(phone_path.substr(1));
   const std::string copy = std::string(dir_.path) + "/pulled." + std::to_string(++pulls_);
   Sim("pull", {phone_path, copy});
   return copy;
@@ -90,7 +90,6 @@ void Device::CopyTo(const Device& other) const {
   std::filesystem::remove_all(other.root_);
   const Result copy = Run({"cp", "-a", "--sparse=always", root_, other.root_});
   ASSERT_EQ(copy.status, 0) << copy.err;
-  other.ext4_ = ext4_;
 }
 
 void Device::Sim(const std::string& verb, const std::vector<std::string>& args) const {

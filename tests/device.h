@@ -44,7 +44,7 @@ class Device {
   void Panic(const std::vector<std::string>& options = {}) const;
   // zq-devsim boot with |options|, in UTC.
   Result Boot(const std::vector<std::string>& options) const;
-  // The phone's |phone_path| on the workstation: copied out of its images if it has them.
+  // The phone's |phone_path| on the workstation: copied out of its ext4 images if it has them.
   std::string Pull(const std::string& phone_path) const;
   void CopyTo(const Device& other) const;
   std::optional<std::string> Prop(const std::string& name) const {
@@ -55,7 +55,6 @@ class Device {
  private:
   TemporaryDir dir_;
   std::string root_;
-  mutable bool ext4_;  // a copy takes its source's
   mutable int pulls_ = 0;
 };
 
