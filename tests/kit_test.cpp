@@ -20,9 +20,9 @@ const std::string kStandIn = kKit + "sepolicy/workstation/";
 Result CompilePolicy(const std::string& extra, const std::string& out) {
   return Run(
       {"sh", "-c",
-       R"(echo "$1" | m4 -E "$2" "$3" "$4" - "$5" >"$6.conf" && checkpolicy -M -c 30 -o "$6" "$6.conf")",
+       R"(echo "$1" | m4 -E "$2" "$3" - "$4" >"$5.conf" && checkpolicy -M -c 30 -o "$5" "$5.conf")",
        "sh", extra, kStandIn + "platform.te", kKit + "sepolicy/zq_mrdump_collect.te",
-       kStandIn + "readers.te", kStandIn + "users", out});
+       kStandIn + "users", out});
 }
 
 // What a boot does with each tree it uses: the permissions on its folders and on its files. The
