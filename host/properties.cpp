@@ -1,15 +1,25 @@
 // property_get and property_set of <cutils/properties.h> on a directory holding one file per
 // property: /dev/__properties__, or the directory that HOST_PROPERTY_DIR names.
+//
+// A value that changes while its reader runs (the platform publishing the dump's progress) may be
+// given instead as a schedule, the file ".schedule.NAME" beside the others: lines "SECONDS VALUE",
+// each VALUE holding from SECONDS after this process first read NAME, on its own monotonic clock
+// (libfaketime's, when it runs under it); before the first line's time NAME is unset. A schedule
+// wins over NAME's own file, and a property_set of NAME ends it.
 #include <cutils/properties.h>
 #include <fcntl.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
+#include <time.h>
 #include <unistd.h>
 
+#include <map>
 #include <string>
 
 #include <android-base/file.h>
+#include <android-base/parsedouble.h>
+#include <android-base/strings.h>
 #include <android-base/unique_fd.h>
 
 #include "journal.h"
@@ -28,11 +38,41 @@ bool IsValidName(const char* key) {
   return key != nullptr && key[0] != '\0' && key[0] != '.' && strchr(key, '/') == nullptr;
 }
 
-// The stored value, read until end of file rather than by size, so that a FIFO at the path
-// serves one value per read.
+std::string SchedulePath(const char* key) {
+  return AreaDir() + "/.schedule." + key;
+}
+
+double MonotonicSeconds() {
+  timespec now{};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
+}
+
+// The value that |schedule| gives |key| now; the first read of |key| starts its clock.
+std::string ScheduledValue(const char* key, const std::string& schedule) {
+  static std::map<std::string, double> first_read;
+  const double now = MonotonicSeconds();
+  const double elapsed = now - first_read.emplace(key, now).first->second;
+  std::string value;
+  for (const std::string& line : android::base::Split(schedule, "\n")) {
+    const size_t blank = line.find(' ');
+    double from = 0;
+    if (blank == std::string::npos ||
+        !android::base::ParseDouble(line.substr(0, blank).c_str(), &from) || from > elapsed) {
+      continue;
+    }
+    value = line.substr(blank + 1);
+  }
+  return value;
+}
+
+// The stored value, read whole, until end of file rather than by its size.
 std::string ReadValue(const char* key) {
   std::string value;
   if (!IsValidName(key)) return value;
+  if (std::string schedule; android::base::ReadFileToString(SchedulePath(key), &schedule)) {
+    return ScheduledValue(key, schedule);
+  }
   android::base::unique_fd fd(
       TEMP_FAILURE_RETRY(open((AreaDir() + "/" + key).c_str(), O_RDONLY | O_CLOEXEC)));
   if (fd.get() < 0 || !android::base::ReadFdToString(fd.get(), &value)) value.clear();
@@ -49,6 +89,7 @@ bool StoreValue(const char* key, const char* value) {
                        android::base::WriteStringToFd(value, fd.get()) &&
                        rename(temp.c_str(), (dir + "/" + key).c_str()) == 0;
   if (!written) unlink(temp.c_str());
+  if (written) unlink(SchedulePath(key).c_str());
   return written;
 }
 

@@ -70,7 +70,7 @@ for line in open(sys.argv[1], "rb"):
 std::vector<std::string> Messages(const std::vector<Record>& journal) {
   std::vector<std::string> messages;
   for (const Record& r : journal) {
-    if (r.ev == "log") messages.push_back(r.msg);
+    if (r.ev == "log" && r.buf != "kernel") messages.push_back(r.msg);
   }
   return messages;
 }

@@ -29,7 +29,8 @@ Result Run(const std::vector<std::string>& argv,
 std::optional<std::string> Read(const std::string& path);
 std::string Slurp(const std::string& path);
 std::vector<std::string> Entries(const std::string& dir);  // sorted
-// The records of the journal at |path|; the messages of its log records, in order.
+// The records of the journal at |path|; the messages of its log records but the kernel's (init's),
+// in order.
 std::vector<Record> ReadJournal(const std::string& path);
 std::vector<std::string> Messages(const std::vector<Record>& journal);
 

@@ -6,6 +6,7 @@ that none, and no loop device, outlives the command, however it ends."""
 import ctypes
 import fcntl
 import os
+import shutil
 import struct
 import subprocess
 
@@ -82,11 +83,14 @@ class Storage:
     """The phone's partitions while a command uses them: for a phone of plain folders, nothing to
     do; for an ext4 phone, each image checked and mounted on entry and unmounted on exit."""
 
-    def __init__(self, root, fstab, writable=True):
+    def __init__(self, root, fstab, writable=True, log_partition="mounted"):
         self.root, self.fstab, self.writable = root, fstab, writable
+        self.log_partition = log_partition  # how fs_mgr's mount ends for it: init.OUTCOMES
         self.mounted = []
 
     def __enter__(self):
+        if self.log_partition == "wiped":
+            self._wipe()
         if not is_ext4(self.root):
             return self
         require_root(self.root)
@@ -94,6 +98,8 @@ class Storage:
         _private_mounts()
         unclean = os.path.join(self.root, UNCLEAN)
         for name, mount_point, _ in IMAGES:
+            if name == "zq_log" and self.log_partition in ("missing", "unmountable"):
+                continue
             image = os.path.join(self.root, "images", f"{name}.img")
             if "check" in flags:  # as fs_mgr does at boot: a full check after an unclean end
                 _run(["e2fsck", "-y"] + (["-f"] if os.path.exists(unclean) else []) + [image],
@@ -105,6 +111,19 @@ class Storage:
         if os.path.exists(unclean):
             os.unlink(unclean)
         return self
+
+    def _wipe(self):
+        """The log partition wiped, then formatted by fs_mgr: empty, its root root's."""
+        if is_ext4(self.root):
+            require_root(self.root)
+            image = os.path.join(self.root, "images", "zq_log.img")
+            with open(image, "r+b") as f:
+                f.write(bytes(4096))  # libcutils partition_wiped(): its first 4 KiB all zero
+            _run(["mke2fs", "-q", "-F", "-t", "ext4", "-b", "4096", image])
+            return
+        folder = os.path.join(self.root, IMAGES[1][1])
+        shutil.rmtree(folder)
+        os.mkdir(folder, 0o755)
 
     def cut(self, on_disk):
         """The power goes: nothing more of the page cache reaches the images."""

@@ -7,7 +7,7 @@ import fcntl
 import json
 import os
 import re
-import stat
+import time
 
 PROG = "zq-devsim"
 PARTITIONS = ("data", "mnt")  # the phone's /data and /mnt, in the device root
@@ -114,10 +114,8 @@ def write_prop(root, name, value):
 
 
 def read_prop(root, name):
-    """The value the daemon would read now, without taking one from a FIFO; None when unset."""
+    """The value of property |name|, or None when it is unset."""
     path = prop_path(root, name)
-    if os.path.lexists(path) and stat.S_ISFIFO(os.lstat(path).st_mode):
-        return "dumping"  # the ramdump writer serves it until the dump is done
     try:
         with open(path, "rb") as f:
             return f.read().decode("latin-1")
@@ -129,12 +127,12 @@ def prop_names(root):
     return sorted(n for n in os.listdir(os.path.join(root, "properties")) if not n.startswith("."))
 
 
-def reboot(root, stop_writer):
-    """The phone restarts if the daemon has run since it last did: every property but persist.*
-    is gone, as on a phone, the dump writer's with them."""
+def reboot(root, forget_dump):
+    """The phone restarts if it has booted since it last did: every property but persist.* is
+    gone, as on a phone, and with them the RAM dump the engine was writing."""
     if not os.path.exists(os.path.join(root, BOOTED)):
         return
-    stop_writer(root)
+    forget_dump(root)
     for name in prop_names(root):
         if not name.startswith("persist."):
             os.unlink(os.path.join(root, "properties", name))
@@ -157,6 +155,17 @@ def journal_records(root, start, end):
 
 def journal_size(root):
     return os.path.getsize(os.path.join(root, "journal"))
+
+
+def kernel_log(root, priority, tag, message):
+    """Appends a record of the kernel's log, as init and fs_mgr write theirs to /dev/kmsg."""
+    record = {"ev": "log", "pid": 1, "mono_ns": time.monotonic_ns(), "buf": "kernel",
+              "prio": priority, "tag": tag, "msg": message}
+    fd = os.open(os.path.join(root, "journal"), os.O_WRONLY | os.O_APPEND)
+    try:
+        os.write(fd, (json.dumps(record) + "\n").encode())
+    finally:
+        os.close(fd)
 
 
 def record_boot(root, start):

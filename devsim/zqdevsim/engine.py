@@ -1,0 +1,57 @@
+"""The chip platform's exception engine, as a service of the simulated boot: after a panic it
+publishes the exception database and the state of the RAM dump, "dumping" while the dump is still
+being written and "done" once it is. A panic leaves what it will publish in the property area, and
+the dump's remaining seconds beside it; a boot takes them out and publishes them at the moment its
+--engine option chooses."""
+
+import os
+
+from .phone import DB_PROP, RAMDUMP_PROP, read_prop, write_prop
+
+DUMP = ".devsim/dump"  # seconds of RAM dump still to write once the engine says "dumping"
+SCHEDULE = "properties/.schedule." + RAMDUMP_PROP  # the host layer's form of a changing value
+# When the engine speaks, relative to the init script's stage: before post-fs-data, after it (init
+# starts the service classes from `boot` on), or never.
+MOMENTS = {"before": "late-fs", "after": "nonencrypted", "never": None}
+
+
+def leave(root, db_value, dumping):
+    """What the engine of the next boot will publish after a panic: |db_value|, and a dump that
+    goes on for |dumping| seconds after it says "dumping" (0: only "done")."""
+    write_prop(root, DB_PROP, db_value)
+    write_prop(root, RAMDUMP_PROP, "dumping" if dumping else "done")
+    forget_dump(root)
+    if dumping:
+        with open(os.path.join(root, DUMP), "w") as f:
+            f.write(f"{dumping}\n")
+
+
+def forget_dump(root):
+    """The dump ends where it stands: a reboot, or someone setting its property by hand."""
+    for path in (DUMP, SCHEDULE):
+        if os.path.lexists(os.path.join(root, path)):
+            os.unlink(os.path.join(root, path))
+
+
+def take(root):
+    """Takes the engine's publication out of the property area at the start of a boot: its
+    properties and values in order, and the dump's remaining seconds."""
+    said = [(name, read_prop(root, name)) for name in (DB_PROP, RAMDUMP_PROP)]
+    try:
+        with open(os.path.join(root, DUMP)) as f:
+            seconds = int(f.read())
+    except FileNotFoundError:
+        seconds = 0
+    for name, value in said:
+        if value is not None:
+            write_prop(root, name, "")
+    forget_dump(root)
+    return [(n, v) for n, v in said if v is not None], seconds
+
+
+def schedule(root, seconds):
+    """The dump's progress while the daemon runs, on its own clock: "dumping" until |seconds| after
+    its first look, then "done"."""
+    with open(os.path.join(root, SCHEDULE), "w") as f:
+        f.write(f"0 dumping\n{seconds} done\n")
+    os.chmod(os.path.join(root, SCHEDULE), 0o644)
