@@ -259,7 +259,7 @@ TEST_P(ScenarioTest, EndsAsDesigned) {
   std::vector<std::string> panic, boot, statuses = {"wait", "running", "1"}, anywhere;
   const std::string known =
       " panic boot setprop write mtime symlink status run set log drop add logged "
-      "prop took file same entries members mode ";
+      "prop took file same entries members mode kmsg root ";
   for (const Step& step : scenario.steps) {
     EXPECT_NE(known.find(" " + step.verb + " "), std::string::npos)
         << "scenarios.txt:" << step.line << ": " << step.verb;
@@ -269,6 +269,7 @@ TEST_P(ScenarioTest, EndsAsDesigned) {
     }
     if (step.verb == "status") statuses = Split(step.arg, " ");
     if (step.verb == "logged") anywhere.push_back(Fill(values, step.arg));
+    if (step.verb == "root" && geteuid() != 0) GTEST_SKIP() << step.arg;
   }
   if (kSanitized && std::find(boot.begin(), boot.end(), "--memcheck") != boot.end()) {
     GTEST_SKIP() << "valgrind cannot run a daemon built with AddressSanitizer";
@@ -284,10 +285,11 @@ TEST_P(ScenarioTest, EndsAsDesigned) {
 
   const std::vector<Record> journal = device.Journal();
   const std::vector<std::string> messages = Messages(journal);
-  std::vector<std::string> seen;
+  std::vector<std::string> seen, kmsg;
   std::vector<long long> daemon_ns;  // the daemon's clock, which init's records do not share
   for (const Record& r : journal) {
     if (r.buf != "kernel") daemon_ns.push_back(r.mono_ns);
+    if (r.buf == "kernel") kmsg.push_back(r.tag + ": " + r.msg);
     if (r.ev == "set" && r.name == "vendor.minidump.cp.status") seen.push_back(r.value);
     EXPECT_TRUE(r.ev != "log" || r.buf == "kernel" ||
                 r.buf + " " + r.tag == "system zq_mrdump_collect")
@@ -302,6 +304,9 @@ TEST_P(ScenarioTest, EndsAsDesigned) {
   for (const Step& step : scenario.steps) {
     SCOPED_TRACE(StringPrintf("scenarios.txt:%d", step.line));
     Check(device, step, values, messages);
+    if (step.verb == "kmsg") {
+      EXPECT_NE(std::find(kmsg.begin(), kmsg.end(), step.arg), kmsg.end()) << Join(kmsg, "\n");
+    }
   }
 }
 

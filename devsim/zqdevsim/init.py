@@ -184,9 +184,13 @@ class Boot:
         self.setprop(MOUNT_PROP, DISK_PART)
 
     def setprop(self, name, value):
+        """init's property service: a read-only property, once set, is set for the boot."""
+        if name.startswith("ro.") and read_prop(self.root, name) is not None:
+            return f"Read-only property was already set: {name}"
         write_prop(self.root, name, value)
         if self.triggers:
             self.queue.append(("property", name, value))
+        return None
 
     def carry_out(self, action):
         """Runs |action|'s commands as init would, as far as they concern the device root; a
@@ -202,7 +206,7 @@ class Boot:
             elif command == "restorecon":
                 pass  # only the labels of partition roots are modelled
             elif command == "setprop":
-                self.setprop(*args)
+                error = self.setprop(*args)
             elif command == "write" and args[0] == "/dev/kmsg":
                 priority, tag, message = kmsg_record(args[1])
                 self.log(priority, message, tag)
