@@ -56,7 +56,8 @@ fuzz:
 	@cmake --build build-fuzz -j $(JOBS)
 	@scripts/run-fuzzers build-fuzz $(FUZZ_SECONDS)
 
-# The daemon's cost on a realistic panic against the floor of its own commands; bench/RESULTS.md.
+# The daemon's cost on a realistic panic against the floor of its own commands, and what it costs a
+# boot beside it with and without the service's priority options; bench/RESULTS.md.
 bench: build
 	@scripts/install-deps --bench
 	@bench/run-bench $(BUILD) $(BENCH_RUNS)
