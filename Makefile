@@ -37,8 +37,10 @@ test: build
 	@cd $(BUILD) && ctest --output-on-failure -j $(JOBS) --repeat until-fail:$(REPEAT)
 
 # Seven panics in a row, a minute apart: the first dump still in progress at boot, the archive
-# numbered, compressed on the next boot and rotated past its limit of five.
-run: build
+# numbered, compressed on the next boot and rotated past its limit of five. Only the daemon is built.
+run: deps
+	@cmake -S . -B $(BUILD) $(CMAKE_FLAGS) >/dev/null
+	@cmake --build $(BUILD) -j $(JOBS) --target zq_mrdump_collect
 	@$(DEVSIM) init $(PHONE) --force
 	@for boot in 0 1 2 3 4 5 6; do \
 	  $(DEVSIM) panic $(PHONE) --dumping $$((boot == 0 ? 20 : 0)) --kmsg-size 256 --db-size 512 && \

@@ -31,7 +31,9 @@ TEST(SimulatorTest, RefusesInOneLineAndChangesNothing) {
        "not 'data/vendor/aee_exp/last_kmsg.txt'"},
       {{"boot", root, "--slow-gzip", "0"}, "not '0'"},
       {{"boot", root, "--on-disk", "committed", "--power-cut", "end"}, "ext4"},
-      {{"pull", root, "/vendor/bin/zq_mrdump_collect", device.Path("x")}, "'/vendor/bin/"},
+      {{"pull", root, "/vendor/bin/zq_mrdump_collect", device.Path("../x")}, "'/vendor/bin/"},
+      {{"pull", root, "/data", device.Path("data/x")}, "inside the phone"},
+      {{"boot", root, "--init-script", device.Path("data")}, "is none"},
       {{"flock", device.Path(".devsim/lock"), ZQ_DEVSIM, "boot", root}, "is busy"},
   };
   const std::string before = Snapshot(root);
