@@ -7,6 +7,9 @@ import fcntl
 import json
 import os
 import re
+import shutil
+import signal
+import subprocess
 import time
 
 PROG = "zq-devsim"
@@ -71,6 +74,71 @@ def locked(root):
         os.close(fd)
 
 
+UNDO = ".devsim/undo"  # the device root as a command found it, until the command has succeeded
+
+
+@contextlib.contextmanager
+def kept(root):
+    """Runs a command that changes the phone in |root| all or nothing: if it is refused, fails or
+    is interrupted, the device root is put back as it was, every file's bytes, mode, owner and
+    times, every property and the journal. Only the lock is left as it is."""
+    undo = os.path.join(root, UNDO)
+    if os.path.lexists(undo):  # left by a command that the kernel killed
+        shutil.rmtree(undo)
+    times = {p: os.lstat(p) for p in (root, os.path.join(root, ".devsim"))}
+    os.mkdir(undo, 0o700)
+    tops = [n for n in LAYOUT if n != ".devsim" and os.path.lexists(os.path.join(root, n))]
+    own = [n for n in os.listdir(os.path.join(root, ".devsim")) if n not in ("lock", "undo")]
+    try:
+        _copy([os.path.join(root, n) for n in tops], undo)
+        _copy([os.path.join(root, ".devsim", n) for n in own], os.path.join(undo, ".devsim"))
+        yield
+    except BaseException:
+        old = signal.pthread_sigmask(signal.SIG_BLOCK, {signal.SIGINT, signal.SIGTERM})
+        try:
+            for top, names in ((root, tops), (os.path.join(root, ".devsim"), own)):
+                for name in os.listdir(top):
+                    if top == root and name in LAYOUT and name != ".devsim" or \
+                            top != root and name not in ("lock", "undo"):
+                        _remove(os.path.join(top, name))
+                saved = undo if top == root else os.path.join(undo, ".devsim")
+                for name in names:
+                    os.rename(os.path.join(saved, name), os.path.join(top, name))
+            shutil.rmtree(undo)
+            for path, st in times.items():
+                os.utime(path, ns=(st.st_atime_ns, st.st_mtime_ns), follow_symlinks=False)
+        finally:
+            signal.pthread_sigmask(signal.SIG_SETMASK, old)
+        raise
+    shutil.rmtree(undo)
+
+
+def _copy(paths, into):
+    os.makedirs(into, exist_ok=True)
+    if paths:
+        subprocess.run(["cp", "-a", "--reflink=auto", "--sparse=always", "--", *paths, into],
+                       check=True, stderr=subprocess.PIPE)
+
+
+def _remove(path):
+    if os.path.isdir(path) and not os.path.islink(path):
+        shutil.rmtree(path)
+    else:
+        os.unlink(path)
+
+
+_checkpoints = 0
+
+
+def checkpoint():
+    """A point where a command changes the phone. ZQ_DEVSIM_INTERRUPT=N interrupts the command at
+    its N-th, as Ctrl-C would: the tests' way to interrupt at chosen points rather than on a timer."""
+    global _checkpoints
+    _checkpoints += 1
+    if os.environ.get("ZQ_DEVSIM_INTERRUPT") == str(_checkpoints):
+        os.killpg(os.getpgrp(), signal.SIGINT)  # the sandbox and its daemon too, as the terminal's
+
+
 # ----- properties
 
 
@@ -102,6 +170,7 @@ def write_prop(root, name, value):
     an empty |value| unsets it."""
     path = prop_path(root, name)
     prop_value(name, value)
+    checkpoint()
     if not value:
         if os.path.lexists(path):
             os.unlink(path)
@@ -159,6 +228,7 @@ def journal_size(root):
 
 def kernel_log(root, priority, tag, message):
     """Appends a record of the kernel's log, as init and fs_mgr write theirs to /dev/kmsg."""
+    checkpoint()
     record = {"ev": "log", "pid": 1, "mono_ns": time.monotonic_ns(), "buf": "kernel",
               "prio": priority, "tag": tag, "msg": message}
     fd = os.open(os.path.join(root, "journal"), os.O_WRONLY | os.O_APPEND)

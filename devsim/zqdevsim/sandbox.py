@@ -133,9 +133,9 @@ def bwrap_argv(root, binary, a, service, helper_dir, mounts):
         path, kib = a.tmpfs
         argv += ["--bind", f"{root}/{path}", "/.devsim/saved", "--size", str(kib * 1024),
                  "--tmpfs", f"/{path}"]
-        command = ["/bin/sh", "-c", 'cp -a /.devsim/saved/. "$0" 2>/dev/null; "$@"; status=$?\n'
+        command = ["/bin/sh", "-c", 'cp -a /.devsim/saved/. "$0" || exit 125; "$@"; status=$?\n'
                    '    rm -rf /.devsim/saved/* /.devsim/saved/.[!.]* 2>/dev/null; '
-                   'cp -a "$0"/. /.devsim/saved/\n    exit $status', f"/{path}"] + command
+                   'cp -a "$0"/. /.devsim/saved/ || exit 126\n    exit $status', f"/{path}"] + command
     for var in ("TZ", "ANDROID_LOG_TAGS", "ASAN_OPTIONS", "UBSAN_OPTIONS"):
         if var in os.environ:
             argv += ["--setenv", var, os.environ[var]]
