@@ -10,9 +10,10 @@ from .phone import DB_PROP, RAMDUMP_PROP, read_prop, write_prop
 
 DUMP = ".devsim/dump"  # seconds of RAM dump still to write once the engine says "dumping"
 SCHEDULE = "properties/.schedule." + RAMDUMP_PROP  # the host layer's form of a changing value
-# When the engine speaks, relative to the init script's stage: before post-fs-data, after it (init
-# starts the service classes from `boot` on), or never.
-MOMENTS = {"before": "late-fs", "after": "nonencrypted", "never": None}
+# When the engine speaks, relative to the init script's stage: before post-fs-data (at `init`,
+# before init runs property triggers: its queue_property_triggers then finds the value set), after
+# it (init starts the service classes from `boot` on), or never.
+MOMENTS = {"before": "init", "after": "nonencrypted", "never": None}
 
 
 def leave(root, db_value, dumping):
