@@ -1,0 +1,218 @@
+"""The simulator's promises, checked after every step of random sequences of zq-devsim verbs, with
+random bad arguments and interruptions at chosen points, over a phone with history:
+- a verb that is refused (2), fails (1) or is interrupted (130) leaves the device root exactly as
+  it was: every file's bytes, mode, owner and times, every property, the journal;
+- a verb changes only what it exists to change, and every archive it leaves is a whole gzip;
+- reading (getprop, logcat, tree, pull) changes nothing;
+- every verb ends with its output or one line on standard error, never a traceback.
+Usage: devsim_invariants.py DAEMON SEED [EXAMPLES] (hypothesis; the seed makes a run repeatable)."""
+
+import collections
+import hashlib
+import os
+import shutil
+import stat
+import subprocess
+import sys
+import tarfile
+import tempfile
+
+from hypothesis import HealthCheck, seed, settings
+from hypothesis import strategies as st
+from hypothesis.stateful import RuleBasedStateMachine, initialize, rule, run_state_machine_as_test
+
+DEVSIM = os.path.join(os.path.dirname(os.path.abspath(__file__)), "../devsim/zq-devsim")
+DAEMON, SEED = sys.argv[1], int(sys.argv[2])
+EXAMPLES = int(sys.argv[3]) if len(sys.argv) > 3 else 6
+WORK = tempfile.mkdtemp(prefix="zq-invariants.")
+TEMPLATE = os.path.join(WORK, "template")
+STEPS = collections.Counter()  # the steps run, by how they ended
+
+
+NO_MKSH = os.path.join(WORK, "bin-without-mksh")  # a PATH that lacks the phone's shell
+
+
+def devsim(*args, interrupt=None):
+    env = dict(os.environ, ZQ_MRDUMP_COLLECT=DAEMON, TZ="UTC")
+    if "NO_MKSH" in args:
+        env["PATH"], args = NO_MKSH, tuple(a for a in args if a != "NO_MKSH")
+    env.pop("ZQ_DEVSIM_INTERRUPT", None)
+    if interrupt is not None:
+        env["ZQ_DEVSIM_INTERRUPT"] = str(interrupt)
+    # A session of its own: an interruption reaches the command's process group, not this test.
+    result = subprocess.run([DEVSIM, *args], env=env, capture_output=True, timeout=300,
+                            start_new_session=True)
+    return result.returncode, result.stdout, result.stderr.decode(errors="replace")
+
+
+def snapshot(root):
+    """Every entry of the device root but the lock: its mode, owner, size, times, and its bytes."""
+    entries = {}
+    for folder, dirs, files in os.walk(root):
+        for name in dirs + files:
+            path = os.path.join(folder, name)
+            rel = os.path.relpath(path, root)
+            if rel == ".devsim/lock":
+                continue
+            st_ = os.lstat(path)
+            body = os.readlink(path).encode() if stat.S_ISLNK(st_.st_mode) else \
+                open(path, "rb").read() if stat.S_ISREG(st_.st_mode) else b""
+            entries[rel] = (st_.st_mode, st_.st_uid, st_.st_gid, st_.st_size, st_.st_mtime_ns,
+                            hashlib.sha256(body).hexdigest())
+    top = os.lstat(root)
+    entries["."] = (top.st_mode, top.st_uid, top.st_gid, top.st_mtime_ns)
+    return entries
+
+
+def changed(before, after):
+    return sorted(p for p in set(before) | set(after) if before.get(p) != after.get(p))
+
+
+# What each verb may change when it succeeds: the trees it owns, and the folders whose entries
+# those are. The evidence under data/vendor/aee_exp is the daemon's to read, never to change.
+MAY_CHANGE = {
+    "panic": (("data/vendor/aee_exp", "properties", ".devsim"),
+              (".", "data", "data/vendor", "mnt/vendor/persist", "mnt/vendor/persist/CBT.txt")),
+    "boot": (("data/vendor/dump_collect", "mnt/vendor/zq_log", "properties", ".devsim"),
+             (".", "journal", "data/vendor", "mnt/vendor")),
+    "setprop": (("properties", ".devsim"), (".",)),
+    "init": None,  # --force: a phone as flashed, in place of this one
+}
+
+INTERRUPT = st.one_of(st.none(), st.integers(1, 40))
+SIZES = st.sampled_from(["0", "16", "64", "x", "-1", "999999999"])
+PROPS = st.sampled_from(["vendor.debug.mtk.aeev.ramdump", "vendor.minidump.cp.status",
+                         "persist.zq.test", "vendor..bad", "a" * 300, ""])
+VALUES = st.sampled_from(["", "done", "dumping", "1", "x" * 92])
+BOOT_OPTIONS = st.lists(st.sampled_from([
+    ["--userland", "android"], ["--userland", "ios"], ["--engine", "before"],
+    ["--engine", "never"], ["--log-partition", "missing"], ["--log-partition", "wiped"],
+    ["--log-partition", "unmountable"], ["--tmpfs", "mnt/vendor/zq_log", "24"],
+    ["--tmpfs", "mnt/vendor/zq_log", "4000"], ["--tmpfs", "data/vendor", "800"],
+    ["--tmpfs", "data/vendor/aee_exp/last_kmsg.txt", "100"], ["--read-only", "mnt/vendor/zq_log"],
+    ["--fail-tar", "3"], ["--slow-gzip", "0"], ["--power-cut", "0"], ["--power-cut", "7"],
+    ["--faketime", "@2024-13-01 00:00:00"], ["--preload", "/nonexistent.so"],
+    ["--init-script", "/nonexistent.rc"], ["--bogus"], ["--userland", "android", "NO_MKSH"],
+    ["--tmpfs", "mnt/vendor/zq_log/out", "100"]]), max_size=3)
+READS = st.sampled_from([
+    ["getprop"], ["getprop", "vendor.debug.mtk.aeev.ramdump"], ["getprop", "vendor..bad"],
+    ["logcat"], ["logcat", "--last", "*:E"], ["logcat", "-s", "zq_mrdump_collect"],
+    ["logcat", "--last", "x:Q"], ["tree"], ["tree", "/mnt/vendor/zq_log"], ["tree", "/etc"],
+    ["pull", "/mnt/vendor/zq_log", "OUT"], ["pull", "/data", "IN"], ["pull", "/proc", "OUT"],
+    ["pull", "/data/vendor", "/proc/zq-pulled"]])
+
+
+class Phone(RuleBasedStateMachine):
+    @initialize()
+    def copy_of_a_phone_with_history(self):
+        self.root = os.path.join(WORK, f"phone.{os.getpid()}")
+        shutil.rmtree(self.root, ignore_errors=True)
+        subprocess.run(["cp", "-a", TEMPLATE, self.root], check=True)
+        self.outside = tempfile.mkdtemp(dir=WORK)
+
+    def step(self, verb, args, interrupt=None, reads=False, path=None):
+        before = snapshot(self.root)
+        status, out, err = devsim(verb, path or self.root, *args, interrupt=interrupt)
+        cuts = [args[i + 1] for i, word in enumerate(args) if word == "--power-cut"]
+        reads = reads or cuts[-1:] == ["0"]  # it lists a boot's changes, then undoes the boot
+        STEPS[status if status in (0, 1, 2, 130) else "daemon's own"] += 1
+        if os.environ.get("ZQ_INVARIANTS_VERBOSE"):
+            print(f"{verb} {args} interrupt={interrupt}: {status}", flush=True)
+        after = snapshot(self.root)
+        where = f"{verb} {' '.join(args)} (interrupt at {interrupt}): status {status}\n{err}"
+        assert "Traceback" not in err, where
+        assert verb != "boot" or not out, f"{where}printed: {out[:200]!r}"  # init's /dev/null
+        if status in (1, 2, 130):  # said in one line, the last, and nothing changed
+            assert err.count("zq-devsim: error:") == 1, where
+            assert err.rstrip("\n").splitlines()[-1].startswith("zq-devsim: error:"), where
+        if status in (1, 2, 130) or reads:
+            assert not changed(before, after), f"{where}changed: {changed(before, after)}"
+        elif MAY_CHANGE[verb]:
+            trees, folders = MAY_CHANGE[verb]
+            stray = [p for p in changed(before, after) if p not in folders and
+                     not any(p == t or p.startswith(t + "/") for t in trees)]
+            assert not stray, f"{where}changed what it should not: {stray}"
+        for folder, _, files in os.walk(os.path.join(self.root, "mnt/vendor/zq_log")):
+            for name in files:
+                if name.endswith(".tar.gz"):
+                    try:
+                        with tarfile.open(os.path.join(folder, name), "r:gz") as archive:
+                            archive.getmembers()
+                    except (tarfile.TarError, EOFError, OSError) as e:
+                        raise AssertionError(f"{where}not a whole archive: {name}: {e}") from e
+        return status
+
+    @rule(dumping=st.sampled_from(["0", "10", "x"]), size=SIZES, cbt=st.booleans(),
+          interrupt=INTERRUPT)
+    def panic(self, dumping, size, cbt, interrupt):
+        self.step("panic", ["--dumping", dumping, "--db-size", size, "--kmsg-size", "16"] +
+                  (["--cbt"] if cbt else []), interrupt)
+
+    @rule(options=BOOT_OPTIONS, interrupt=INTERRUPT)
+    def boot(self, options, interrupt):
+        args = [word for option in options for word in option]
+        self.step("boot", args + ["--faketime", "@2024-05-01 03:04:05 x100"], interrupt)
+
+    @rule(where=st.sampled_from(["FILE", "/proc/zq-phone", "PHONE", "PHONE --force"]),
+          interrupt=INTERRUPT)
+    def init(self, where, interrupt):
+        paths = {"FILE": os.path.join(self.outside, "file"), "PHONE": self.root}
+        path, *force = where.split()
+        open(paths["FILE"], "w").close()
+        self.step("init", force, interrupt, path=paths.get(path, path))
+
+    @rule()
+    def plant_a_link_out_of_the_phone(self):
+        link = os.path.join(self.root, "mnt/vendor/zq_log/out")
+        if not os.path.lexists(link):
+            os.symlink(self.outside, link)
+
+    @rule()
+    def read_every_file_of_the_phone(self):
+        before = snapshot(self.root)
+        for folder, _, files in os.walk(self.root):
+            for name in files:
+                with open(os.path.join(folder, name), "rb") as f:
+                    f.read()
+        assert not changed(before, snapshot(self.root)), "reading the phone's files changed it"
+
+    @rule(name=PROPS, value=VALUES, interrupt=INTERRUPT)
+    def setprop(self, name, value, interrupt):
+        self.step("setprop", [name, value], interrupt)
+
+    @rule(words=READS)
+    def read(self, words):
+        fresh = os.path.join(self.outside, f"copy.{len(os.listdir(self.outside))}")
+        args = [fresh if w == "OUT" else os.path.join(self.root, "data/x") if w == "IN" else w
+                for w in words[1:]]
+        self.step(words[0], args, reads=True)
+
+    def teardown(self):
+        shutil.rmtree(self.root, ignore_errors=True)
+
+
+def main():
+    # A phone with history: three panics, each booted, made once and copied for every example.
+    os.mkdir(NO_MKSH)
+    for folder in ("/usr/bin", "/usr/sbin"):
+        for name in os.listdir(folder):
+            if name != "mksh" and not os.path.lexists(os.path.join(NO_MKSH, name)):
+                os.symlink(os.path.join(folder, name), os.path.join(NO_MKSH, name))
+    assert devsim("init", TEMPLATE)[0] == 0
+    for minute in range(3):
+        assert devsim("panic", TEMPLATE, "--kmsg-size", "16", "--db-size", "64")[0] == 0
+        assert devsim("boot", TEMPLATE, "--faketime", f"@2024-05-01 03:0{minute}:05")[0] == 0
+    try:
+        run_state_machine_as_test(seed(SEED)(Phone), settings=settings(
+            max_examples=EXAMPLES, stateful_step_count=20, deadline=None, database=None,
+            suppress_health_check=list(HealthCheck), print_blob=True))
+    finally:
+        shutil.rmtree(WORK, ignore_errors=True)
+    ends = ", ".join(f"{n} {'ended ' + str(k) if isinstance(k, int) else k}"
+                     for k, n in sorted(STEPS.items(), key=str))
+    print(f"devsim_invariants: seed {SEED}: {EXAMPLES} sequences of up to 20 verbs, {sum(STEPS.values())} verbs "
+          f"({ends}): every promise kept")
+
+
+if __name__ == "__main__":
+    main()
