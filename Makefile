@@ -43,7 +43,8 @@ run: deps
 	@cmake --build $(BUILD) -j $(JOBS) --target zq_mrdump_collect
 	@$(DEVSIM) init $(PHONE) --force
 	@for boot in 0 1 2 3 4 5 6; do \
-	  $(DEVSIM) panic $(PHONE) --dumping $$((boot == 0 ? 20 : 0)) --kmsg-size 256 --db-size 512 && \
+	  $(DEVSIM) panic $(PHONE) --dumping $$((boot == 0 ? 20 : 0)) --kmsg-size 256 --db-size 512 \
+	    --faketime "@2024-05-01 13:4$$boot:00" && \
 	  ZQ_MRDUMP_COLLECT=$(BUILD)/zq_mrdump_collect \
 	    $(DEVSIM) boot $(PHONE) --faketime "@2024-05-01 13:4$$boot:10 x100" >/dev/null || exit 1; \
 	done

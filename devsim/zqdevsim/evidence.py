@@ -42,10 +42,11 @@ def write_kmsg(path, kib, seed):
         f.write("\n".join(lines) + "\n")
 
 
-def write_db(db, kib, reason, seed):
-    """An exception database folder: the record of the exception and the platform's dumps of it."""
+def write_db(db, kib, reason, seed, when):
+    """An exception database folder: the record of the exception at |when| (a struct_time) and
+    the platform's dumps of it."""
     os.makedirs(db)
-    now = time.localtime()
+    now = when
     with open(os.path.join(db, "ZZ_INTERNAL"), "w") as f:
         f.write("Exception Class: Kernel (KE)\nException Type: Fatal\n"
                 "Current Executing Process: swapper/0\n"
@@ -68,9 +69,9 @@ def own(paths):
         os.chmod(path, AEE_DIR_MODE if os.path.isdir(path) else AEE_FILE_MODE)
 
 
-def leave(root, reason, kmsg_kib, db_kib, no_kmsg):
-    """Leaves a new exception database and the last kernel log in the phone's /data/vendor/aee_exp;
-    the database's name and the log's size (None when left out)."""
+def leave(root, reason, kmsg_kib, db_kib, no_kmsg, when):
+    """Leaves a new exception database of a panic at |when| and the last kernel log in the phone's
+    /data/vendor/aee_exp; the database's name and the log's size (None when left out)."""
     aee = os.path.join(root, AEE_DIR)
     os.makedirs(aee, exist_ok=True)
     n = 0
@@ -78,7 +79,7 @@ def leave(root, reason, kmsg_kib, db_kib, no_kmsg):
         n += 1
     db = f"db.{n:02d}"
     seed = random.randrange(1 << 30)
-    write_db(os.path.join(aee, db), db_kib, reason, seed)
+    write_db(os.path.join(aee, db), db_kib, reason, seed, when)
     kmsg = os.path.join(aee, "last_kmsg.txt")
     if no_kmsg:
         if os.path.exists(kmsg):
