@@ -77,6 +77,24 @@ TEST(KitTest, GrantsWhatABootUses) {
   rows += "init " + fstab[1] + " dir mounton\ninit /vendor/bin/zq_mrdump_collect file execute\n";
   for (const char* domain : {"fsck", "e2fs"})
     rows += domain + (" " + fstab[0]) + " blk_file open read write\n";
+  // What the init script asks of vendor_init: its setprops, its writes, and a read of each property
+  // it triggers on outside the vendor's names, without which init drops the action.
+  for (std::string line : Split(Slurp(kKit + "zq_mrdump_collect.rc"), "\n")) {
+    line = android::base::Trim(line);
+    const std::vector<std::string> words = Split(line, " ");
+    if (words[0] == "setprop")
+      rows += "vendor_init property:" + words[1] + " property_service set\n";
+    if (words[0] == "write") rows += "vendor_init " + words[1] + " chr_file open write\n";
+    for (size_t i = 1; words[0] == "on" && i < words.size(); ++i) {
+      std::string_view name = words[i];
+      name = name.substr(0, name.find('='));
+      if (android::base::ConsumePrefix(&name, "property:") &&
+          !android::base::StartsWith(name, "vendor.") &&
+          !android::base::StartsWith(name, "ro.vendor.")) {
+        rows += "vendor_init property:" + std::string(name) + " file read\n";
+      }
+    }
+  }
   for (const Record& r : device.Journal()) {
     if (r.ev == "get") rows += "zq_mrdump_collect property:" + r.name + " file read\n";
     if (r.ev == "set") rows += "zq_mrdump_collect property:" + r.name + " property_service set\n";
