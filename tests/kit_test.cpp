@@ -98,6 +98,10 @@ TEST(KitTest, GrantsWhatABootUses) {
   for (const Record& r : device.Journal()) {
     if (r.ev == "get") rows += "zq_mrdump_collect property:" + r.name + " file read\n";
     if (r.ev == "set") rows += "zq_mrdump_collect property:" + r.name + " property_service set\n";
+    // What it publishes, the system-side app that uploads the panic reads; its hand-over, nobody.
+    if (r.ev == "set" && r.name != "vendor.zq_dump.last_dump") {
+      rows += "platform_app property:" + r.name + " file read\n";
+    }
   }
   const std::string rows_file = std::string(tmp.path) + "/rows";
   ASSERT_TRUE(android::base::WriteStringToFile(rows, rows_file));
