@@ -363,25 +363,6 @@ void PanicAndBoot(const Device& d, const std::string& userland, int m, size_t st
   EXPECT_EQ(Entries(d.Pull("/data/vendor/dump_collect")).size(), staged);
 }
 
-// A panic before each of 50 boots, with a clock that moves on and with one that stands still.
-class CrashLoopTest : public ::testing::TestWithParam<std::string> {};
-
-TEST_P(CrashLoopTest, EveryPanicIsArchivedAndStorageStaysBounded) {
-  const std::string userland = GetParam().substr(0, GetParam().find('_'));
-  const bool frozen = EndsWith(GetParam(), "frozen_clock");
-  Device device;
-  std::vector<std::pair<int, std::string>> panics;
-  for (int boot = 0; boot < 50; ++boot) {
-    SCOPED_TRACE(boot);
-    PanicAndBoot(device, userland, frozen ? 4 : boot, frozen ? 1 : std::min(boot + 1, 2), &panics);
-  }
-}
-
-INSTANTIATE_TEST_SUITE_P(Boots, CrashLoopTest,
-                         ::testing::Values("host_moving_clock", "host_frozen_clock",
-                                           "android_moving_clock", "android_frozen_clock"),
-                         [](const auto& info) { return info.param; });
-
 // A power cut at each change a boot with history makes, at each sync, and right after its end; then
 // the next panic and a boot. At a cut, plain folders keep all that was written; ext4 only what was
 // synced, or the journal as committed without the file data not yet written back.
