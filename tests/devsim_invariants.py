@@ -210,8 +210,8 @@ def main():
         shutil.rmtree(WORK, ignore_errors=True)
     ends = ", ".join(f"{n} {'ended ' + str(k) if isinstance(k, int) else k}"
                      for k, n in sorted(STEPS.items(), key=str))
-    print(f"devsim_invariants: seed {SEED}: {EXAMPLES} sequences of up to 20 verbs, {sum(STEPS.values())} verbs "
-          f"({ends}): every promise kept")
+    print(f"devsim_invariants: seed {SEED}: {EXAMPLES} sequences of up to 20 verbs, "
+          f"{sum(STEPS.values())} verbs ({ends}): every promise kept")
 
 
 if __name__ == "__main__":

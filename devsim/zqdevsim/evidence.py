@@ -46,18 +46,17 @@ def write_db(db, kib, reason, seed, when):
     """An exception database folder: the record of the exception at |when| (a struct_time) and
     the platform's dumps of it."""
     os.makedirs(db)
-    now = when
     with open(os.path.join(db, "ZZ_INTERNAL"), "w") as f:
         f.write("Exception Class: Kernel (KE)\nException Type: Fatal\n"
                 "Current Executing Process: swapper/0\n"
                 "Build Info: sim_phone-userdebug 14 UP1A.231005.007 eng.devsim\n"
                 f"{reason},lr : el1_abort+0x38/0x58,pid: 0,cpu: 4\n"
-                f"Exception Log Time: {time.strftime('%a %b %e %H:%M:%S %Z %Y', now)}\n")
+                f"Exception Log Time: {time.strftime('%a %b %e %H:%M:%S %Z %Y', when)}\n")
     write_kmsg(os.path.join(db, "SYS_KERNEL_LOG"), max(kib // 2, 1), seed)
     with open(os.path.join(db, "SYS_MINI_RDUMP"), "wb") as f:
         f.write(os.urandom(kib * 1024 // 2))  # incompressible, as a memory dump is
     with open(os.path.join(db, "__exp_main.txt"), "w") as f:
-        f.write(f"kernel exception at {time.strftime('%F %T', now)}\nreason: {reason}\n")
+        f.write(f"kernel exception at {time.strftime('%F %T', when)}\nreason: {reason}\n")
 
 
 def own(paths):

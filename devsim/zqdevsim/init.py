@@ -114,7 +114,8 @@ class Boot:
         self.root, self.script, self.start_service = root, script, start_service
         self.options = options  # the fstab line's file system options
         self.engine_moment, self.publication, self.outcome = engine_moment, publication, outcome
-        self.queue, self.stage, self.mounted, self.triggers = collections.deque(), None, False, False
+        self.queue, self.stage = collections.deque(), None
+        self.mounted, self.triggers = False, False
         self.started = []  # (service, the trigger of the action that started it)
 
     def log(self, priority, message, tag="init"):
@@ -233,8 +234,9 @@ class Boot:
         return device_path(self.root, phone_path)
 
     def mkdir(self, phone_path, mode="0755", owner="root", group=None):
-        """init's mkdir: create, or bring an existing directory to |mode| and owner. On a partition's
-        root that no restorecon has labelled, vendor_init may not change the owner or mode."""
+        """init's mkdir: create, or bring an existing directory to |mode| and owner. On a
+        partition's root that no restorecon has labelled, vendor_init may not change the owner or
+        mode."""
         path = self.phone_path(phone_path).rstrip("/")
         uid, gid = AIDS.get(owner, 0), AIDS.get(group or owner, 0)
         if not os.path.lexists(path):

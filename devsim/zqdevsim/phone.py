@@ -77,6 +77,29 @@ def locked(root):
 UNDO = ".devsim/undo"  # the device root as a command found it, until the command has succeeded
 
 
+def _held(root):
+    """What a phone holds, folder by folder: the layout's entries, and .devsim's own but its lock
+    and a command's undo."""
+    devsim = os.path.join(root, ".devsim")
+    tops = [n for n in LAYOUT if n != ".devsim" and os.path.lexists(os.path.join(root, n))]
+    return [(root, tops), (devsim, [n for n in os.listdir(devsim) if n not in ("lock", "undo")])]
+
+
+def remove(path):
+    """Removes |path|, a file, a link or a whole folder."""
+    if os.path.isdir(path) and not os.path.islink(path):
+        shutil.rmtree(path)
+    else:
+        os.unlink(path)
+
+
+def clear(root):
+    """Removes all that the phone in |root| holds, leaving its lock."""
+    for folder, names in _held(root):
+        for name in names:
+            remove(os.path.join(folder, name))
+
+
 @contextlib.contextmanager
 def kept(root):
     """Runs a command that changes the phone in |root| all or nothing: if it is refused, fails or
@@ -87,23 +110,20 @@ def kept(root):
         shutil.rmtree(undo)
     times = {p: os.lstat(p) for p in (root, os.path.join(root, ".devsim"))}
     os.mkdir(undo, 0o700)
-    tops = [n for n in LAYOUT if n != ".devsim" and os.path.lexists(os.path.join(root, n))]
-    own = [n for n in os.listdir(os.path.join(root, ".devsim")) if n not in ("lock", "undo")]
+    held = _held(root)
     try:
-        _copy([os.path.join(root, n) for n in tops], undo)
-        _copy([os.path.join(root, ".devsim", n) for n in own], os.path.join(undo, ".devsim"))
+        for folder, names in held:
+            _copy([os.path.join(folder, n) for n in names],
+                  os.path.join(undo, os.path.relpath(folder, root)))
         yield
     except BaseException:
         old = signal.pthread_sigmask(signal.SIG_BLOCK, {signal.SIGINT, signal.SIGTERM})
         try:
-            for top, names in ((root, tops), (os.path.join(root, ".devsim"), own)):
-                for name in os.listdir(top):
-                    if top == root and name in LAYOUT and name != ".devsim" or \
-                            top != root and name not in ("lock", "undo"):
-                        _remove(os.path.join(top, name))
-                saved = undo if top == root else os.path.join(undo, ".devsim")
+            clear(root)
+            for folder, names in held:
+                saved = os.path.join(undo, os.path.relpath(folder, root))
                 for name in names:
-                    os.rename(os.path.join(saved, name), os.path.join(top, name))
+                    os.rename(os.path.join(saved, name), os.path.join(folder, name))
             shutil.rmtree(undo)
             for path, st in times.items():
                 os.utime(path, ns=(st.st_atime_ns, st.st_mtime_ns), follow_symlinks=False)
@@ -120,19 +140,12 @@ def _copy(paths, into):
                        check=True, stderr=subprocess.PIPE)
 
 
-def _remove(path):
-    if os.path.isdir(path) and not os.path.islink(path):
-        shutil.rmtree(path)
-    else:
-        os.unlink(path)
-
-
 _checkpoints = 0
 
 
 def checkpoint():
     """A point where a command changes the phone. ZQ_DEVSIM_INTERRUPT=N interrupts the command at
-    its N-th, as Ctrl-C would: the tests' way to interrupt at chosen points rather than on a timer."""
+    its N-th, as Ctrl-C would: the tests' way to interrupt at chosen points, not on a timer."""
     global _checkpoints
     _checkpoints += 1
     if os.environ.get("ZQ_DEVSIM_INTERRUPT") == str(_checkpoints):

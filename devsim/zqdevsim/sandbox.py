@@ -72,7 +72,8 @@ def bwrap_argv(root, binary, a, service, helper_dir, mounts):
         "--ro-bind", "/usr", "/usr", "--symlink", "usr/bin", "/bin", "--symlink", "usr/sbin", "/sbin",
         "--symlink", "usr/lib", "/lib", "--symlink", "usr/lib64", "/lib64",
         "--proc", "/proc", "--dev", "/dev", "--perms", "1777", "--tmpfs", "/tmp",
-        *(["--bind", f"{root}/data", "/data"] if data_ready else ["--perms", "0755", "--tmpfs", "/data"]),
+        *(["--bind", f"{root}/data", "/data"] if data_ready else
+          ["--perms", "0755", "--tmpfs", "/data"]),
         "--bind", f"{root}/mnt", "/mnt",
         *(["--bind", log_mount_point, "/mnt/vendor/zq_log"] if log_mount_point else []),
         "--bind", f"{root}/properties", "/dev/__properties__",
@@ -135,7 +136,8 @@ def bwrap_argv(root, binary, a, service, helper_dir, mounts):
                  "--tmpfs", f"/{path}"]
         command = ["/bin/sh", "-c", 'cp -a /.devsim/saved/. "$0" || exit 125; "$@"; status=$?\n'
                    '    rm -rf /.devsim/saved/* /.devsim/saved/.[!.]* 2>/dev/null; '
-                   'cp -a "$0"/. /.devsim/saved/ || exit 126\n    exit $status', f"/{path}"] + command
+                   'cp -a "$0"/. /.devsim/saved/ || exit 126\n    exit $status',
+                   f"/{path}"] + command
     for var in ("TZ", "ANDROID_LOG_TAGS", "ASAN_OPTIONS", "UBSAN_OPTIONS"):
         if var in os.environ:
             argv += ["--setenv", var, os.environ[var]]
