@@ -20,15 +20,17 @@ BENCH_RUNS ?= 15
 
 BP_FILES := zq_mrdump/Android.bp tests/Android.bp
 
-.PHONY: all deps build test run fuzz bench clean format tidy
+.PHONY: all deps configure build test run fuzz bench clean format tidy
 
 all: build
 
 deps:
 	@scripts/install-deps
 
-build: deps
+configure: deps
 	@cmake -S . -B $(BUILD) $(CMAKE_FLAGS) >/dev/null
+
+build: configure
 	@cmake --build $(BUILD) -j $(JOBS)
 
 # REPEAT=N runs the suite N times and stops at the first failure.
@@ -38,8 +40,7 @@ test: build
 
 # Seven panics in a row, a minute apart: the first dump still in progress at boot, the archive
 # numbered, compressed on the next boot and rotated past its limit of five. Only the daemon is built.
-run: deps
-	@cmake -S . -B $(BUILD) $(CMAKE_FLAGS) >/dev/null
+run: configure
 	@cmake --build $(BUILD) -j $(JOBS) --target zq_mrdump_collect
 	@$(DEVSIM) init $(PHONE) --force
 	@for boot in 0 1 2 3 4 5 6; do \
