@@ -10,10 +10,15 @@ from .phone import DB_PROP, RAMDUMP_PROP, read_prop, write_prop
 
 DUMP = ".devsim/dump"  # seconds of RAM dump still to write once the engine says "dumping"
 SCHEDULE = "properties/.schedule." + RAMDUMP_PROP  # the host layer's form of a changing value
-# When the engine speaks, relative to the init script's stage: before post-fs-data (at `init`,
-# before init runs property triggers: its queue_property_triggers then finds the value set), after
-# it (init starts the service classes from `boot` on), or never.
-MOMENTS = {"before": "init", "after": "nonencrypted", "never": None}
+# When the engine speaks, as (moment, what it sets) steps, a moment being init's stage after which
+# it speaks or IDLE, once init has handled every event queued so far: before post-fs-data (at
+# `init`, before init runs property triggers: its queue_property_triggers then finds the value set),
+# after it (init starts the service classes from `boot` on), after it but clearing the dump's
+# property first and speaking only once init has handled that, as an engine that resets its
+# properties when it starts and then reads the dump, or never.
+IDLE = "idle"
+MOMENTS = {"before": ("init",), "after": ("nonencrypted",), "clears": ("nonencrypted", IDLE),
+           "never": ()}
 
 
 def leave(root, db_value, dumping):
@@ -34,9 +39,9 @@ def forget_dump(root):
             os.unlink(os.path.join(root, path))
 
 
-def take(root):
-    """Takes the engine's publication out of the property area at the start of a boot: its
-    properties and values in order, and the dump's remaining seconds."""
+def take(root, choice):
+    """Takes the engine's publication out of the property area at the start of a boot: the steps in
+    which the engine of --engine |choice| sets its properties, and the dump's remaining seconds."""
     said = [(name, read_prop(root, name)) for name in (DB_PROP, RAMDUMP_PROP)]
     try:
         with open(os.path.join(root, DUMP)) as f:
@@ -47,7 +52,9 @@ def take(root):
         if value is not None:
             write_prop(root, name, "")
     forget_dump(root)
-    return [(n, v) for n, v in said if v is not None], seconds
+    said = [(n, v) for n, v in said if v is not None]
+    steps = ([(RAMDUMP_PROP, "")], said) if choice == "clears" else (said,)
+    return list(zip(MOMENTS[choice], steps)), seconds
 
 
 def schedule(root, seconds):

@@ -8,6 +8,7 @@ import os
 import shlex
 import shutil
 
+from .engine import IDLE
 from .phone import Failure, kernel_log, read_prop, write_prop
 
 # The stages that init's `late-init` triggers, and the event that `mount_all --late` queues after
@@ -72,8 +73,9 @@ class Action:
                 self.properties[name] = value
             else:
                 self.event = trigger
-        self.name = " && ".join(([self.event] if self.event else []) +
-                                [f"property:{n}={v}" for n, v in self.properties.items()])
+        # As init's BuildTriggersString names it: the property triggers by name, then the event.
+        self.name = " && ".join([f"{n}={v}" for n, v in sorted(self.properties.items())] +
+                                ([self.event] if self.event else []))
 
     def holds(self, root, skip=None):
         """init's CheckPropertyTriggers: "*" is any value but the empty one, "" an unset one."""
@@ -110,10 +112,10 @@ class Boot:
     """One boot of the phone in |root|: |start_service| runs a service that the script starts and
     returns whether the boot goes on (a power cut ends it)."""
 
-    def __init__(self, root, script, engine_moment, publication, outcome, options, start_service):
+    def __init__(self, root, script, engine_steps, outcome, options, start_service):
         self.root, self.script, self.start_service = root, script, start_service
         self.options = options  # the fstab line's file system options
-        self.engine_moment, self.publication, self.outcome = engine_moment, publication, outcome
+        self.engine_steps, self.outcome = list(engine_steps), outcome  # engine.take()'s
         self.queue, self.stage = collections.deque(), None
         self.mounted, self.triggers = False, False
         self.started = []  # (service, the trigger of the action that started it)
@@ -129,7 +131,8 @@ class Boot:
         self.queue.extend(("stage", stage, None) for stage in STAGES)
         while self.queue or not self.completed():
             if not self.queue:
-                self.setprop(BOOT_COMPLETED, "1")
+                if not self.engine_speaks(IDLE):
+                    self.setprop(BOOT_COMPLETED, "1")
                 continue
             event = self.queue.popleft()
             if event[0] == "stage":
@@ -159,9 +162,15 @@ class Boot:
         exception engine's service speaks at the moment the boot chose."""
         if self.stage == "fs":
             self.mount()
-        if self.stage == self.engine_moment:
-            for name, value in self.publication:
-                self.setprop(name, value)
+        self.engine_speaks(self.stage)
+
+    def engine_speaks(self, moment):
+        """The exception engine's next step, if it is due at |moment|; whether it spoke."""
+        if not self.engine_steps or self.engine_steps[0][0] != moment:
+            return False
+        for name, value in self.engine_steps.pop(0)[1]:
+            self.setprop(name, value)
+        return True
 
     def mount(self):
         """fs_mgr's mount_all for the log partition, with the lines it logs (fs_mgr/fs_mgr.cpp)."""
