@@ -54,15 +54,15 @@ std::vector<Record> ReadJournal(const std::string& path) {
   const Result fields = Run({"/usr/bin/python3", "-I", "-c", R"(import json, sys
 for line in open(sys.argv[1], "rb"):
     r = json.loads(line)
-    for key in ("ev", "buf", "tag", "msg", "name", "value", "ok", "mono_ns"):
+    for key in ("ev", "buf", "tag", "msg", "name", "value", "ok", "mono_ns", "pid"):
         sys.stdout.buffer.write(str(r.get(key, "")).encode("latin-1") + b"\0"))",
                              path});
   EXPECT_EQ(fields.status, 0) << path << ": " << fields.err;
   const std::vector<std::string> f = android::base::Split(fields.out, std::string(1, '\0'));
   std::vector<Record> records;
-  for (size_t i = 0; i + 8 < f.size(); i += 8) {
+  for (size_t i = 0; i + 9 < f.size(); i += 9) {
     records.push_back({f[i], f[i + 1], f[i + 2], f[i + 3], f[i + 4], f[i + 5], f[i + 6] == "True",
-                       std::stoll(f[i + 7])});
+                       std::stoll(f[i + 7]), std::stoi(f[i + 8])});
   }
   return records;
 }

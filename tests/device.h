@@ -10,11 +10,12 @@
 #include <android-base/file.h>
 #include <gtest/gtest.h>
 
-// One journal record; fields that a record does not carry stay empty.
+// One journal record; fields that a record does not carry stay empty. init's are pid 1's.
 struct Record {
   std::string ev, buf, tag, msg, name, value;
   bool ok = false;
   long long mono_ns = 0;
+  int pid = 0;
 };
 
 struct Result {

@@ -1,16 +1,24 @@
 """The simulator's promises, checked after every step of random sequences of zq-devsim verbs, with
-random bad arguments and interruptions at chosen points, over a phone with history:
-- a verb that is refused (2), fails (1) or is interrupted (130) leaves the device root exactly as
-  it was: every file's bytes, mode, owner and times, every property, the journal;
+random bad arguments and signals at chosen points, over a phone with history:
+- a verb that is refused (2), fails (1) or is ended by SIGINT, SIGTERM or SIGHUP (130, 143, 129)
+  leaves the device root exactly as it was: every file's bytes, mode, owner and times, every
+  property, the journal; one killed by SIGKILL leaves it so, or as a verb that succeeded, the old
+  phone whole beside it until the next verb that changes it;
 - a verb changes only what it exists to change, and every archive it leaves is a whole gzip;
 - reading (getprop, logcat, tree, pull) changes nothing;
-- every verb ends with its output or one line on standard error, never a traceback.
-Usage: devsim_invariants.py DAEMON SEED [EXAMPLES] (hypothesis; the seed makes a run repeatable)."""
+- every verb ends within BOUND seconds, with its output or one line on standard error, never a
+  traceback; a verb that stalls is named.
+With "every-point" for SEED, each verb that changes a phone is killed at each of its change points
+instead, and each is refused on a full file system.
+Usage: devsim_invariants.py DAEMON SEED|every-point [EXAMPLES] (hypothesis; the seed makes a run
+repeatable)."""
 
 import collections
 import hashlib
+import itertools
 import os
 import shutil
+import signal
 import stat
 import subprocess
 import sys
@@ -22,7 +30,7 @@ from hypothesis import strategies as st
 from hypothesis.stateful import RuleBasedStateMachine, initialize, rule, run_state_machine_as_test
 
 DEVSIM = os.path.join(os.path.dirname(os.path.abspath(__file__)), "../devsim/zq-devsim")
-DAEMON, SEED = sys.argv[1], int(sys.argv[2])
+DAEMON, SEED = sys.argv[1], sys.argv[2]
 EXAMPLES = int(sys.argv[3]) if len(sys.argv) > 3 else 6
 WORK = tempfile.mkdtemp(prefix="zq-invariants.")
 TEMPLATE = os.path.join(WORK, "template")
@@ -30,19 +38,58 @@ STEPS = collections.Counter()  # the steps run, by how they ended
 
 
 NO_MKSH = os.path.join(WORK, "bin-without-mksh")  # a PATH that lacks the phone's shell
+BAD_RC = os.path.join(WORK, "bad.rc")  # the kit's init script with lines that init refuses
+
+
+BOUND = 120  # seconds that any one verb may take
 
 
 def devsim(*args, interrupt=None):
+    """zq-devsim |args|, ended at the change point and by the signal of |interrupt|, (N, NAME)."""
     env = dict(os.environ, ZQ_MRDUMP_COLLECT=DAEMON, TZ="UTC")
     if "NO_MKSH" in args:
         env["PATH"], args = NO_MKSH, tuple(a for a in args if a != "NO_MKSH")
     env.pop("ZQ_DEVSIM_INTERRUPT", None)
     if interrupt is not None:
-        env["ZQ_DEVSIM_INTERRUPT"] = str(interrupt)
-    # A session of its own: an interruption reaches the command's process group, not this test.
-    result = subprocess.run([DEVSIM, *args], env=env, capture_output=True, timeout=300,
-                            start_new_session=True)
-    return result.returncode, result.stdout, result.stderr.decode(errors="replace")
+        env["ZQ_DEVSIM_INTERRUPT"], env["ZQ_DEVSIM_SIGNAL"] = str(interrupt[0]), interrupt[1]
+    # A session of its own: a signal reaches the command's process group, not this test.
+    process = subprocess.Popen([DEVSIM, *args], env=env, stdout=subprocess.PIPE,
+                               stderr=subprocess.PIPE, start_new_session=True)
+    try:
+        out, err = process.communicate(timeout=BOUND)
+    except subprocess.TimeoutExpired:
+        out, err = b"", b""
+    finally:
+        left = end_session(process.pid)
+    if process.returncode is None:
+        process.communicate()
+        raise AssertionError(f"stalled for {BOUND} s: zq-devsim {' '.join(args)} (ended at "
+                             f"{interrupt})")
+    # Only SIGKILL may leave a sandbox that was starting; the rest end all they started.
+    assert not left or process.returncode == -9, f"zq-devsim {' '.join(args)} left {left}"
+    return process.returncode, out, err.decode(errors="replace")
+
+
+def end_session(session):
+    """Kills what is left running in |session|, which zombies are not; the commands it killed."""
+    killed = []
+    for entry in filter(str.isdigit, os.listdir("/proc")):
+        try:
+            with open(f"/proc/{entry}/stat") as f:
+                name, _, fields = f.read().partition(" (")[2].rpartition(")")
+            if fields.split()[0] != "Z" and int(fields.split()[3]) == session:
+                os.kill(int(entry), signal.SIGKILL)
+                killed.append(name)
+        except (OSError, IndexError):
+            pass
+    return killed
+
+
+def copies(root):
+    """The copies of the phone in |root| that zq-devsim commands made beside it."""
+    parent, name = os.path.split(root)
+    return [os.path.join(parent, n) for n in os.listdir(parent)
+            if n.startswith(f".{name}.zq-devsim.")]
 
 
 def snapshot(root):
@@ -79,7 +126,8 @@ MAY_CHANGE = {
     "init": None,  # --force: a phone as flashed, in place of this one
 }
 
-INTERRUPT = st.one_of(st.none(), st.integers(1, 40))
+SIGNALS = ("INT", "TERM", "HUP", "KILL")
+INTERRUPT = st.one_of(st.none(), st.tuples(st.integers(1, 40), st.sampled_from(SIGNALS)))
 SIZES = st.sampled_from(["0", "16", "64", "x", "-1", "999999999"])
 PROPS = st.sampled_from(["vendor.debug.mtk.aeev.ramdump", "vendor.minidump.cp.status",
                          "persist.zq.test", "vendor..bad", "a" * 300, ""])
@@ -92,7 +140,8 @@ BOOT_OPTIONS = st.lists(st.sampled_from([
     ["--tmpfs", "data/vendor/aee_exp/last_kmsg.txt", "100"], ["--read-only", "mnt/vendor/zq_log"],
     ["--fail-tar", "3"], ["--slow-gzip", "0"], ["--power-cut", "0"], ["--power-cut", "7"],
     ["--faketime", "@2024-13-01 00:00:00"], ["--preload", "/nonexistent.so"],
-    ["--init-script", "/nonexistent.rc"], ["--bogus"], ["--userland", "android", "NO_MKSH"],
+    ["--init-script", "/nonexistent.rc"], ["--init-script", BAD_RC], ["--bogus"],
+    ["--userland", "android", "NO_MKSH"],
     ["--tmpfs", "mnt/vendor/zq_log/out", "100"]]), max_size=3)
 READS = st.sampled_from([
     ["getprop"], ["getprop", "vendor.debug.mtk.aeev.ramdump"], ["getprop", "vendor..bad"],
@@ -100,6 +149,60 @@ READS = st.sampled_from([
     ["logcat", "--last", "x:Q"], ["tree"], ["tree", "/mnt/vendor/zq_log"], ["tree", "/etc"],
     ["pull", "/mnt/vendor/zq_log", "OUT"], ["pull", "/data", "IN"], ["pull", "/proc", "OUT"],
     ["pull", "/data/vendor", "/proc/zq-pulled"]])
+
+
+def step(root, verb, args, interrupt=None, reads=False, path=None):
+    """zq-devsim |verb| on the phone in |root| (or on |path|), checked against every promise; its
+    exit status."""
+    before, earlier = snapshot(root), copies(root)
+    status, out, err = devsim(verb, path or root, *args, interrupt=interrupt)
+    cuts = [args[i + 1] for i, word in enumerate(args) if word == "--power-cut"]
+    reads = reads or cuts[-1:] == ["0"]  # it lists a boot's changes, then undoes the boot
+    STEPS[status if status in (0, 1, 2, 129, 130, 143, -9) else "daemon's own"] += 1
+    if os.environ.get("ZQ_INVARIANTS_VERBOSE"):
+        print(f"{verb} {args} interrupt={interrupt}: {status}", flush=True)
+    try:
+        check(root, verb, args, (before, earlier), (status, out, err), interrupt, reads)
+    except AssertionError as e:  # said now: Hypothesis may replay it into another error
+        print(f"devsim_invariants: {e}", file=sys.stderr, flush=True)
+        raise
+    return status
+
+
+def check(root, verb, args, was, result, interrupt, reads):
+    (before, earlier), (status, out, err) = was, result
+    after = snapshot(root)
+    where = f"{verb} {' '.join(args)} (ended at {interrupt}): status {status}\n{err}"
+    assert "Traceback" not in err, where
+    assert verb != "boot" or not out, f"{where}printed: {out[:200]!r}"  # init's /dev/null
+    left = copies(root)
+    if status == -9 and changed(before, after):  # killed once swapped: the old phone beside
+        assert [c for c in left if not changed(before, snapshot(c))], \
+            f"{where}changed, with no whole old phone beside it: {changed(before, after)}"
+    elif status == -9:
+        reads = True
+    elif verb in MAY_CHANGE and status in (0, 99, 125, 134, 137):
+        assert not left, f"{where}left {left}"
+    else:
+        assert set(left) <= set(earlier), f"{where}left {set(left) - set(earlier)}"
+    if status in (1, 2, 129, 130, 143):  # said in one line, the last, and nothing changed
+        assert err.count("zq-devsim: error:") == 1, where
+        assert err.rstrip("\n").splitlines()[-1].startswith("zq-devsim: error:"), where
+    if status in (1, 2, 129, 130, 143) or reads:
+        assert not changed(before, after), f"{where}changed: {changed(before, after)}"
+    elif MAY_CHANGE[verb]:
+        trees, folders = MAY_CHANGE[verb]
+        stray = [p for p in changed(before, after) if p not in folders and
+                 not any(p == t or p.startswith(t + "/") for t in trees)]
+        assert not stray, f"{where}changed what it should not: {stray}"
+    for folder, _, files in os.walk(os.path.join(root, "mnt/vendor/zq_log")):
+        for name in files:
+            if name.endswith(".tar.gz"):
+                try:
+                    with tarfile.open(os.path.join(folder, name), "r:gz") as archive:
+                        archive.getmembers()
+                except (tarfile.TarError, EOFError, OSError) as e:
+                    raise AssertionError(f"{where}not a whole archive: {name}: {e}") from e
 
 
 class Phone(RuleBasedStateMachine):
@@ -111,36 +214,7 @@ class Phone(RuleBasedStateMachine):
         self.outside = tempfile.mkdtemp(dir=WORK)
 
     def step(self, verb, args, interrupt=None, reads=False, path=None):
-        before = snapshot(self.root)
-        status, out, err = devsim(verb, path or self.root, *args, interrupt=interrupt)
-        cuts = [args[i + 1] for i, word in enumerate(args) if word == "--power-cut"]
-        reads = reads or cuts[-1:] == ["0"]  # it lists a boot's changes, then undoes the boot
-        STEPS[status if status in (0, 1, 2, 130) else "daemon's own"] += 1
-        if os.environ.get("ZQ_INVARIANTS_VERBOSE"):
-            print(f"{verb} {args} interrupt={interrupt}: {status}", flush=True)
-        after = snapshot(self.root)
-        where = f"{verb} {' '.join(args)} (interrupt at {interrupt}): status {status}\n{err}"
-        assert "Traceback" not in err, where
-        assert verb != "boot" or not out, f"{where}printed: {out[:200]!r}"  # init's /dev/null
-        if status in (1, 2, 130):  # said in one line, the last, and nothing changed
-            assert err.count("zq-devsim: error:") == 1, where
-            assert err.rstrip("\n").splitlines()[-1].startswith("zq-devsim: error:"), where
-        if status in (1, 2, 130) or reads:
-            assert not changed(before, after), f"{where}changed: {changed(before, after)}"
-        elif MAY_CHANGE[verb]:
-            trees, folders = MAY_CHANGE[verb]
-            stray = [p for p in changed(before, after) if p not in folders and
-                     not any(p == t or p.startswith(t + "/") for t in trees)]
-            assert not stray, f"{where}changed what it should not: {stray}"
-        for folder, _, files in os.walk(os.path.join(self.root, "mnt/vendor/zq_log")):
-            for name in files:
-                if name.endswith(".tar.gz"):
-                    try:
-                        with tarfile.open(os.path.join(folder, name), "r:gz") as archive:
-                            archive.getmembers()
-                    except (tarfile.TarError, EOFError, OSError) as e:
-                        raise AssertionError(f"{where}not a whole archive: {name}: {e}") from e
-        return status
+        return step(self.root, verb, args, interrupt, reads, path)
 
     @rule(dumping=st.sampled_from(["0", "10", "x"]), size=SIZES, cbt=st.booleans(),
           interrupt=INTERRUPT)
@@ -191,6 +265,84 @@ class Phone(RuleBasedStateMachine):
         shutil.rmtree(self.root, ignore_errors=True)
 
 
+# Each verb that changes a phone, with arguments it succeeds with on the phone with history.
+CHANGES = (("setprop", ["persist.zq.test", "1"]),
+           ("panic", ["--kmsg-size", "16", "--db-size", "64", "--dumping", "10", "--cbt"]),
+           ("boot", ["--faketime", "@2024-05-01 03:09:05 x100"]), ("init", ["--force"]))
+
+
+def fresh_phone(name):
+    root = os.path.join(WORK, name)
+    shutil.rmtree(root, ignore_errors=True)
+    subprocess.run(["cp", "-a", TEMPLATE, root], check=True)
+    return root
+
+
+def every_point():
+    """Kills each verb that changes a phone at each of its change points in turn, the copy's among
+    them, until one ends before the point; the next verb must find a whole phone. Ends a boot at
+    one point with SIGTERM and with SIGHUP. Then, as root, refuses each on a full file system."""
+    points = {}
+    for verb, args in CHANGES:
+        for point in itertools.count(1):
+            root = fresh_phone("killed")
+            status = step(root, verb, args, (point, "KILL"))
+            assert step(root, "setprop", ["persist.zq.after", "1"]) == 0
+            if status != -9:
+                points[verb] = point - 1
+                break
+    for name in ("TERM", "HUP"):  # while the daemon waits for a dump that goes on for minutes
+        root = fresh_phone("ended")
+        assert devsim("panic", root, "--kmsg-size", "16", "--db-size", "16",
+                      "--dumping", "300")[0] == 0
+        assert step(root, "boot", [], ("sandbox", name)) == 128 + signal.Signals["SIG" + name]
+    watch_a_boot(fresh_phone("watched"))
+    root = fresh_phone("clock")  # two boots on the workstation's clock, within a second
+    for _ in range(2):
+        assert devsim("panic", root, "--kmsg-size", "16", "--db-size", "16")[0] == 0
+        assert devsim("boot", root)[0] == 0
+    staged = os.listdir(os.path.join(root, "data/vendor/dump_collect"))
+    assert not [n for n in staged if "2024" in n], f"one boot's folder was the other's: {staged}"
+    full = os.path.join(WORK, "full")
+    if os.geteuid() != 0:
+        print("devsim_invariants: the full file system needs root to mount; skipped")
+    else:
+        os.mkdir(full)
+        subprocess.run(["mount", "-t", "tmpfs", "-o", "size=1m", "tmpfs", full], check=True)
+        try:
+            root = os.path.join(full, "phone")
+            assert devsim("init", root)[0] == 0
+            assert devsim("panic", root, "--kmsg-size", "64", "--db-size", "64")[0] == 0
+            with open(os.path.join(full, "filler"), "wb") as f:
+                f.write(bytes(os.statvfs(full).f_bavail * os.statvfs(full).f_frsize - (64 << 10)))
+            for verb, args in CHANGES:
+                assert step(root, verb, args) == 2, verb
+        finally:
+            subprocess.run(["umount", full], check=True)
+    print("devsim_invariants: killed at every change point: " +
+          ", ".join(f"{verb} {n}" for verb, n in points.items()) +
+          "; ended by SIGTERM and SIGHUP; refused on a full file system: every promise kept")
+
+
+def watch_a_boot(root):
+    """A boot stopped right before it is swapped in: logcat and getprop show it, and the phone is
+    as it was until it goes on."""
+    before = snapshot(root)
+    env = dict(os.environ, ZQ_MRDUMP_COLLECT=DAEMON, TZ="UTC", ZQ_DEVSIM_INTERRUPT="swap",
+               ZQ_DEVSIM_SIGNAL="STOP")
+    boot = subprocess.Popen([DEVSIM, "boot", root, *CHANGES[2][1]], env=env,
+                            stderr=subprocess.DEVNULL, start_new_session=True)
+    try:
+        assert os.WIFSTOPPED(os.waitpid(boot.pid, os.WUNTRACED)[1])
+        log = devsim("logcat", root, "--last")[1].decode()
+        assert "--------- boot 4 in progress" in log and "Time taken: " in log, log
+        assert devsim("getprop", root, "vendor.minidump.cp.status")[1] == b"1\n"
+        assert not changed(before, snapshot(root)), changed(before, snapshot(root))
+    finally:
+        os.kill(boot.pid, signal.SIGCONT)
+        assert boot.wait(timeout=BOUND) == 0
+
+
 def main():
     # A phone with history: three panics, each booted, made once and copied for every example.
     os.mkdir(NO_MKSH)
@@ -198,12 +350,20 @@ def main():
         for name in os.listdir(folder):
             if name != "mksh" and not os.path.lexists(os.path.join(NO_MKSH, name)):
                 os.symlink(os.path.join(folder, name), os.path.join(NO_MKSH, name))
+    with open(os.path.join(os.path.dirname(DEVSIM), "../zq_mrdump/zq_mrdump_collect.rc")) as f:
+        kit = f.read()
+    with open(BAD_RC, "w") as f:
+        f.write(kit + "    priority abc\non post-fs-data\n    mkdir /data/x 0999\n    setprop a.b\n"
+                "    write /dev/kmsg \"unterminated\n")
     assert devsim("init", TEMPLATE)[0] == 0
     for minute in range(3):
         assert devsim("panic", TEMPLATE, "--kmsg-size", "16", "--db-size", "64")[0] == 0
         assert devsim("boot", TEMPLATE, "--faketime", f"@2024-05-01 03:0{minute}:05")[0] == 0
     try:
-        run_state_machine_as_test(seed(SEED)(Phone), settings=settings(
+        if SEED == "every-point":
+            every_point()
+            return
+        run_state_machine_as_test(seed(int(SEED))(Phone), settings=settings(
             max_examples=EXAMPLES, stateful_step_count=20, deadline=None, database=None,
             suppress_health_check=list(HealthCheck), print_blob=True))
     finally:

@@ -5,11 +5,12 @@ runs under its own clock, and what happens while it runs is dealt with when it e
 
 import collections
 import os
+import re
 import shlex
 import shutil
 
 from .engine import IDLE
-from .phone import Failure, kernel_log, read_prop, write_prop
+from .phone import Refusal, journal_set, kernel_log, read_prop, write_prop
 
 # The stages that init's `late-init` triggers, and the event that `mount_all --late` queues after
 # them (system/core rootdir/init.rc, init/builtins.cpp queue_fs_event).
@@ -27,39 +28,107 @@ OUTCOMES = ("mounted", "missing", "unmountable", "wiped")
 MOUNT_POINT = ".devsim/mount-point"  # the mount point on /mnt's tmpfs, made anew at each boot
 
 
+# The commands of init that a boot carries out, with the counts of arguments init takes (None: any
+# more), and the options of a service that it reads.
+COMMANDS = {"mkdir": (1, 4), "restorecon": (1, None), "restorecon_recursive": (1, None),
+            "setprop": (2, 2), "write": (2, 2), "start": (1, 1)}
+IOPRIO_CLASSES = {"rt": "1", "be": "2", "idle": "3"}
+
+
 class InitScript:
     """The actions and services of an .rc file: `on TRIGGER [&& TRIGGER]...` with its commands,
-    `service NAME PATH` with its options."""
+    `service NAME PATH` with its options. A script that init would refuse, or that names what a boot
+    does not carry out, is refused whole, before the boot changes anything."""
 
     def __init__(self, path):
         self.path, self.actions, self.services = path, [], {}
         section = None
-        with open(path) as f:
-            for number, line in enumerate(f, 1):
+        try:
+            with open(path, encoding="utf-8") as f:
+                lines = f.readlines()
+        except UnicodeDecodeError as e:
+            raise Refusal(f"{path}: not UTF-8, byte {e.start} of the file") from None
+        for number, line in enumerate(lines, 1):
+            try:
                 words = shlex.split(line, comments=True)
-                if not words:
-                    continue
-                if words[0] == "on" and len(words) >= 2:
-                    section = Action(path, number, [w for w in words[1:] if w != "&&"])
-                    self.actions.append(section)
-                elif words[0] == "service" and len(words) >= 3:
-                    section = self.services.setdefault(words[1], [])
-                elif section is None:
-                    raise Failure(f"{path}:{number}: '{words[0]}' outside an action or a service")
-                else:
-                    (section.commands if isinstance(section, Action) else section).append(words)
+            except ValueError as e:
+                raise Refusal(f"{path}:{number}: {str(e).lower()}") from None
+            if not words:
+                continue
+            where = f"{path}:{number}"
+            if words[0] == "on":
+                triggers = [w for w in words[1:] if w != "&&"]
+                if not triggers:
+                    raise Refusal(f"{where}: 'on' without a trigger")
+                section = Action(path, number, triggers)
+                self.actions.append(section)
+            elif words[0] == "service":
+                if len(words) < 3:
+                    raise Refusal(f"{where}: 'service' takes a name and a program")
+                section = self.services.setdefault(words[1], [])
+            elif section is None:
+                raise Refusal(f"{where}: '{words[0]}' outside an action or a service")
+            elif isinstance(section, Action):
+                check_command(where, words)
+                section.commands.append(words)
+            else:
+                check_option(where, words)
+                section.append(words)
 
     def service(self, name):
         """|name|'s user, its groups (the first the primary one), capabilities and priorities."""
         if name not in self.services:
-            raise Failure(f"{self.path}: no service {name}")
+            raise Refusal(f"{self.path}: no service {name}")
         options = {o[0]: o[1:] for o in self.services[name]}
         user = options.get("user", ["root"])[0]
         groups = options.get("group", ["root"])  # init's default, whatever the user
         caps = [c.lower() for c in options.get("capabilities", [])]
-        return {"user": aid(user, self.path), "groups": [aid(g, self.path) for g in groups],
-                "caps": caps, "names": (user, groups), "priority": options.get("priority"),
+        return {"user": AIDS[user], "groups": [AIDS[g] for g in groups], "caps": caps,
+                "names": (user, groups), "priority": options.get("priority"),
                 "ioprio": options.get("ioprio")}
+
+
+def check_command(where, words):
+    """Refuses a command of an action that init would refuse or a boot does not carry out."""
+    command, args = words[0], words[1:]
+    if command not in COMMANDS:
+        raise Refusal(f"{where}: zq-devsim does not carry out init's '{command}'")
+    least, most = COMMANDS[command]
+    if len(args) < least or (most is not None and len(args) > most):
+        counts = f"{least}" if most == least else f"{least} or more" if most is None else \
+            f"{least} to {most}"
+        raise Refusal(f"{where}: '{command}' takes {counts} arguments, not {len(args)}")
+    if command in ("mkdir", "restorecon", "restorecon_recursive"):
+        for path in args[:1] if command == "mkdir" else args:
+            device_path("/", path, where)
+    if command == "mkdir" and len(args) > 1 and not re.fullmatch(r"[0-7]{3,4}", args[1]):
+        raise Refusal(f"{where}: mkdir: invalid mode '{args[1]}', not octal")
+    for name in args[2:] if command == "mkdir" else []:
+        known_id(where, name)
+    if command == "write" and args[0] != "/dev/kmsg":
+        raise Refusal(f"{where}: zq-devsim writes only /dev/kmsg, not {args[0]}")
+
+
+def check_option(where, words):
+    """Refuses an option of a service that init would refuse."""
+    option, args = words[0], words[1:]
+    if option in ("user", "group") and (not args or (option == "user" and len(args) > 1)):
+        raise Refusal(f"{where}: '{option}' takes {'a name' if option == 'user' else 'names'}")
+    for name in args if option in ("user", "group") else []:
+        known_id(where, name)
+    if option == "priority" and (len(args) != 1 or not re.fullmatch(r"-?\d+", args[0]) or
+                                 not -20 <= int(args[0]) <= 19):
+        raise Refusal(f"{where}: process priority value must be range -20 - 19, not "
+                      f"'{' '.join(args)}'")
+    if option == "ioprio" and (len(args) != 2 or args[0] not in IOPRIO_CLASSES or
+                               not re.fullmatch(r"[0-7]", args[1])):
+        raise Refusal(f"{where}: ioprio takes a class (rt, be or idle) and a priority in range "
+                      f"0 - 7, not '{' '.join(args)}'")
+
+
+def known_id(where, name):
+    if name not in AIDS:
+        raise Refusal(f"{where}: zq-devsim does not know the id of '{name}'")
 
 
 class Action:
@@ -100,12 +169,6 @@ class Action:
 AIDS = {"root": 0, "system": 1000, "radio": 1001, "bluetooth": 1002, "graphics": 1003,
         "input": 1004, "audio": 1005, "camera": 1006, "log": 1007, "media": 1013,
         "sdcard_rw": 1015, "shell": 2000, "cache": 2001, "nobody": 9999}
-
-
-def aid(name, where):
-    if name not in AIDS:
-        raise Failure(f"{where}: zq-devsim does not know the id of '{name}'")
-    return AIDS[name]
 
 
 class Boot:
@@ -194,10 +257,13 @@ class Boot:
         self.setprop(MOUNT_PROP, DISK_PART)
 
     def setprop(self, name, value):
-        """init's property service: a read-only property, once set, is set for the boot."""
+        """init's property service: a read-only property, once set, is set for the boot. Every
+        change stands in the journal, as the daemon's own do."""
         if name.startswith("ro.") and read_prop(self.root, name) is not None:
+            journal_set(self.root, name, value, False)
             return f"Read-only property was already set: {name}"
         write_prop(self.root, name, value)
+        journal_set(self.root, name, value, True)
         if self.triggers:
             self.queue.append(("property", name, value))
         return None
@@ -225,9 +291,6 @@ class Boot:
                 self.log("I", f"starting service '{args[0]}'...")
                 if not self.start_service(args[0]):
                     return False
-            else:
-                raise Failure(f"{self.script.path}: zq-devsim does not carry out init's "
-                              f"'{command}'")
             if error:
                 self.log("E", f"Command '{' '.join(words)}' action={action.name} "
                               f"({action.where}) failed: {error}")
@@ -274,10 +337,10 @@ def kmsg_record(text):
     return priority, tag, message
 
 
-def device_path(root, phone_path):
+def device_path(root, phone_path, where="the init script"):
     """The device root's path for a path of the phone's /data or /mnt."""
     if not (phone_path + "/").startswith(("/data/", "/mnt/")) or "/../" in phone_path + "/":
-        raise Failure(f"the init script names {phone_path}, which zq-devsim does not lay out")
+        raise Refusal(f"{where} names {phone_path}, which zq-devsim does not lay out")
     return os.path.join(root, phone_path[1:])
 
 

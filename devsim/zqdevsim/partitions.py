@@ -9,6 +9,7 @@ import os
 import shutil
 import struct
 import subprocess
+import tempfile
 
 from .phone import Failure, Refusal
 
@@ -87,6 +88,7 @@ class Storage:
         self.root, self.fstab, self.writable = root, fstab, writable
         self.log_partition = log_partition  # how fs_mgr's mount ends for it: init.OUTCOMES
         self.mounted = []
+        self.scratch = None  # a reader's copies of an unclean phone's images
 
     def __enter__(self):
         if self.log_partition == "wiped":
@@ -96,20 +98,26 @@ class Storage:
         require_root(self.root)
         options, flags = fstab_options(self.fstab)
         _private_mounts()
-        unclean = os.path.join(self.root, UNCLEAN)
+        unclean = os.path.exists(os.path.join(self.root, UNCLEAN))
+        if not self.writable and unclean:  # what the next boot will find, its journal replayed
+            self.scratch = tempfile.mkdtemp(prefix="zq-devsim-replay.")
         for name, mount_point, _ in IMAGES:
             if name == "zq_log" and self.log_partition in ("missing", "unmountable"):
                 continue
             image = os.path.join(self.root, "images", f"{name}.img")
-            if "check" in flags:  # as fs_mgr does at boot: a full check after an unclean end
-                _run(["e2fsck", "-y"] + (["-f"] if os.path.exists(unclean) else []) + [image],
-                     ok=(0, 1))
+            if self.scratch:
+                _run(["cp", "--sparse=always", image, self.scratch])
+                image = os.path.join(self.scratch, f"{name}.img")
+            if "check" in flags and (self.writable or self.scratch):
+                # as fs_mgr does at boot: a full check after an unclean end
+                _run(["e2fsck", "-y"] + (["-f"] if unclean else []) + [image], ok=(0, 1))
             target = os.path.join(self.root, mount_point)
-            mode = "rw" if self.writable else "ro"
-            _run(["mount", "-t", "ext4", "-o", f"loop,{mode},{options},{COMMIT}", image, target])
+            # A reader writes nothing to an image, its journal neither.
+            mode = f"rw,{options},{COMMIT}" if self.writable else f"ro,noload,{options}"
+            _run(["mount", "-t", "ext4", "-o", f"loop,{mode}", image, target])
             self.mounted.append(target)
-        if os.path.exists(unclean):
-            os.unlink(unclean)
+        if unclean and self.writable:
+            os.unlink(os.path.join(self.root, UNCLEAN))
         return self
 
     def _wipe(self):
@@ -142,3 +150,5 @@ class Storage:
         for target in reversed(self.mounted):
             _run(["umount", target])
         self.mounted = []
+        if self.scratch:
+            shutil.rmtree(self.scratch)

@@ -1,21 +1,15 @@
-"""The device root: a simulated phone in a folder. Its layout, its owner, the lock that keeps two
-commands from changing it at once, its system properties, the reboot that clears them, and the
-journal that stands in for logd."""
+"""The device root: a simulated phone in a folder. Its layout, its owner, its system properties,
+the reboot that clears them, and the journal that stands in for logd."""
 
-import contextlib
-import fcntl
 import json
 import os
 import re
 import shutil
 import signal
-import subprocess
 import time
 
 PROG = "zq-devsim"
 PARTITIONS = ("data", "mnt")  # the phone's /data and /mnt, in the device root
-# What `init` lays out at the top of a device root, and all that `init --force` removes.
-LAYOUT = ("data", "mnt", "images", "properties", "journal", ".devsim")
 PROP_VALUE_MAX = 92
 NAME_MAX = 255  # the host property area keeps a property in a file named after it
 RAMDUMP_PROP = "vendor.debug.mtk.aeev.ramdump"
@@ -55,36 +49,6 @@ def check_owner(root):
                       "change it")
 
 
-@contextlib.contextmanager
-def locked(root):
-    """Holds the phone for one command that changes it; a second one is refused while the first
-    runs. The kernel drops the lock with its holder, however that ends."""
-    path = os.path.join(root, ".devsim/lock")
-    fd = os.open(path, os.O_RDWR | os.O_CREAT | os.O_CLOEXEC, 0o644)
-    try:
-        try:
-            fcntl.flock(fd, fcntl.LOCK_EX | fcntl.LOCK_NB)
-        except BlockingIOError:
-            holder = os.pread(fd, 64, 0).decode(errors="replace").strip() or "another process"
-            raise Refusal(f"the phone in {root} is busy: {holder} is using it") from None
-        os.ftruncate(fd, 0)
-        os.pwrite(fd, f"{PROG} pid {os.getpid()}\n".encode(), 0)
-        yield
-    finally:
-        os.close(fd)
-
-
-UNDO = ".devsim/undo"  # the device root as a command found it, until the command has succeeded
-
-
-def _held(root):
-    """What a phone holds, folder by folder: the layout's entries, and .devsim's own but its lock
-    and a command's undo."""
-    devsim = os.path.join(root, ".devsim")
-    tops = [n for n in LAYOUT if n != ".devsim" and os.path.lexists(os.path.join(root, n))]
-    return [(root, tops), (devsim, [n for n in os.listdir(devsim) if n not in ("lock", "undo")])]
-
-
 def remove(path):
     """Removes |path|, a file, a link or a whole folder."""
     if os.path.isdir(path) and not os.path.islink(path):
@@ -93,63 +57,22 @@ def remove(path):
         os.unlink(path)
 
 
-def clear(root):
-    """Removes all that the phone in |root| holds, leaving its lock."""
-    for folder, names in _held(root):
-        for name in names:
-            remove(os.path.join(folder, name))
-
-
-@contextlib.contextmanager
-def kept(root):
-    """Runs a command that changes the phone in |root| all or nothing: if it is refused, fails or
-    is interrupted, the device root is put back as it was, every file's bytes, mode, owner and
-    times, every property and the journal. Only the lock is left as it is."""
-    undo = os.path.join(root, UNDO)
-    if os.path.lexists(undo):  # left by a command that the kernel killed
-        shutil.rmtree(undo)
-    times = {p: os.lstat(p) for p in (root, os.path.join(root, ".devsim"))}
-    os.mkdir(undo, 0o700)
-    held = _held(root)
-    try:
-        for folder, names in held:
-            _copy([os.path.join(folder, n) for n in names],
-                  os.path.join(undo, os.path.relpath(folder, root)))
-        yield
-    except BaseException:
-        old = signal.pthread_sigmask(signal.SIG_BLOCK, {signal.SIGINT, signal.SIGTERM})
-        try:
-            clear(root)
-            for folder, names in held:
-                saved = os.path.join(undo, os.path.relpath(folder, root))
-                for name in names:
-                    os.rename(os.path.join(saved, name), os.path.join(folder, name))
-            shutil.rmtree(undo)
-            for path, st in times.items():
-                os.utime(path, ns=(st.st_atime_ns, st.st_mtime_ns), follow_symlinks=False)
-        finally:
-            signal.pthread_sigmask(signal.SIG_SETMASK, old)
-        raise
-    shutil.rmtree(undo)
-
-
-def _copy(paths, into):
-    os.makedirs(into, exist_ok=True)
-    if paths:
-        subprocess.run(["cp", "-a", "--reflink=auto", "--sparse=always", "--", *paths, into],
-                       check=True, stderr=subprocess.PIPE)
-
-
 _checkpoints = 0
 
 
-def checkpoint():
-    """A point where a command changes the phone. ZQ_DEVSIM_INTERRUPT=N interrupts the command at
-    its N-th, as Ctrl-C would: the tests' way to interrupt at chosen points, not on a timer."""
+def checkpoint(name=None):
+    """A point where a command changes the phone, |name|d if tests stop at it. ZQ_DEVSIM_INTERRUPT,
+    N or a name, ends the command at its N-th point or the one so named with the signal that
+    ZQ_DEVSIM_SIGNAL names (INT by default), sent as a terminal or `timeout` sends it, to the
+    command's process group, or KILL, to the command alone: the tests' way to end a command at
+    chosen points, not on a timer."""
     global _checkpoints
     _checkpoints += 1
-    if os.environ.get("ZQ_DEVSIM_INTERRUPT") == str(_checkpoints):
-        os.killpg(os.getpgrp(), signal.SIGINT)  # the sandbox and its daemon too, as the terminal's
+    if os.environ.get("ZQ_DEVSIM_INTERRUPT", "") in (str(_checkpoints), name or "-"):
+        sig = signal.Signals["SIG" + os.environ.get("ZQ_DEVSIM_SIGNAL", "INT")]
+        if sig == signal.SIGKILL:
+            os.kill(os.getpid(), sig)
+        os.killpg(os.getpgrp(), sig)
 
 
 # ----- properties
@@ -184,6 +107,9 @@ def write_prop(root, name, value):
     path = prop_path(root, name)
     prop_value(name, value)
     checkpoint()
+    schedule = os.path.join(root, "properties", ".schedule." + name)
+    if os.path.lexists(schedule):  # setting a property ends its schedule, as the host layer does
+        os.unlink(schedule)
     if not value:
         if os.path.lexists(path):
             os.unlink(path)
@@ -203,6 +129,22 @@ def read_prop(root, name):
             return f.read().decode("latin-1")
     except FileNotFoundError:
         return None
+
+
+def daemon_prop(root, name):
+    """The value of property |name| as the daemon reads it: while the host layer's schedule gives
+    it (properties/.schedule.NAME, during a boot), the value the daemon last read, or before its
+    first read the value the schedule starts with."""
+    try:
+        with open(os.path.join(root, "properties", ".schedule." + name), "rb") as f:
+            schedule = [line.split(b" ", 1) for line in f.read().split(b"\n") if b" " in line]
+    except FileNotFoundError:
+        return read_prop(root, name)
+    spans = boot_spans(root)
+    read = [r["value"] for r in journal_records(root, spans[-1][0] if spans else 0, None)
+            if r["ev"] == "get" and r["name"] == name]
+    first = [value.decode("latin-1") for at, value in schedule if float(at) <= 0]
+    return (read or first or [""])[-1] or None
 
 
 def prop_names(root):
@@ -229,10 +171,12 @@ def mark_booted(root):
 
 
 def journal_records(root, start, end):
+    """The records from byte |start| to |end| (None: the end); a record still being written, after
+    the last line feed, is left out."""
     with open(os.path.join(root, "journal"), "rb") as f:
         f.seek(start)
         data = f.read() if end is None else f.read(end - start)
-    return [json.loads(line) for line in data.split(b"\n") if line]
+    return [json.loads(line) for line in data.split(b"\n")[:-1] if line]
 
 
 def journal_size(root):
@@ -241,9 +185,18 @@ def journal_size(root):
 
 def kernel_log(root, priority, tag, message):
     """Appends a record of the kernel's log, as init and fs_mgr write theirs to /dev/kmsg."""
+    _journal(root, {"ev": "log", "buf": "kernel", "prio": priority, "tag": tag, "msg": message})
+
+
+def journal_set(root, name, value, ok):
+    """Appends the record of a property that init's property service set (or refused)."""
+    _journal(root, {"ev": "set", "name": name, "value": value, "ok": ok})
+
+
+def _journal(root, fields):
+    """Appends a record of init's, pid 1; one write, as the host layer appends its own."""
     checkpoint()
-    record = {"ev": "log", "pid": 1, "mono_ns": time.monotonic_ns(), "buf": "kernel",
-              "prio": priority, "tag": tag, "msg": message}
+    record = {"ev": fields.pop("ev"), "pid": 1, "mono_ns": time.monotonic_ns(), **fields}
     fd = os.open(os.path.join(root, "journal"), os.O_WRONLY | os.O_APPEND)
     try:
         os.write(fd, (json.dumps(record) + "\n").encode())

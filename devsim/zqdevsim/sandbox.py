@@ -7,6 +7,7 @@ import re
 import shutil
 import time
 
+from .init import IOPRIO_CLASSES
 from .phone import Refusal
 
 def tool(name, package=None):
@@ -14,6 +15,11 @@ def tool(name, package=None):
     if not found:
         raise Refusal(f"{name} not found (install the Debian package {package or name})")
     return os.path.realpath(found)
+
+
+# A day before the end of the clocks that count nanoseconds since 1970 in 64 bits, for a boot that
+# starts on it to end before it.
+LAST_DAY = "2262-04-10 00:00:00"
 
 
 def faketime_setting(value):
@@ -37,6 +43,9 @@ def faketime_setting(value):
     if not ok:
         raise Refusal(f"--faketime takes \"@YYYY-MM-DD HH:MM:SS\", \"xRATE\" with a RATE "
                       f"above 0, or both, not '{value}'")
+    if at is not None and at >= LAST_DAY:
+        raise Refusal(f"--faketime takes a time before {LAST_DAY}, not '{value}': the phone's "
+                      "clock counts 64-bit nanoseconds, which end on 2262-04-11 at 23:47:16 UTC")
     return value if at else "+0 " + value
 
 
@@ -55,7 +64,7 @@ def priorities(service):
     command = []
     if service["ioprio"]:
         io_class, level = service["ioprio"]
-        command += ["ionice", "-c", {"rt": "1", "be": "2", "idle": "3"}[io_class], "-n", level]
+        command += ["ionice", "-c", IOPRIO_CLASSES[io_class], "-n", level]
     if service["priority"]:
         command += ["nice", "-n", service["priority"][0]]
     return command
@@ -138,7 +147,7 @@ def bwrap_argv(root, binary, a, service, helper_dir, mounts):
                    '    rm -rf /.devsim/saved/* /.devsim/saved/.[!.]* 2>/dev/null; '
                    'cp -a "$0"/. /.devsim/saved/ || exit 126\n    exit $status',
                    f"/{path}"] + command
-    for var in ("TZ", "ANDROID_LOG_TAGS", "ASAN_OPTIONS", "UBSAN_OPTIONS"):
+    for var in ("TZ", "ASAN_OPTIONS", "UBSAN_OPTIONS"):
         if var in os.environ:
             argv += ["--setenv", var, os.environ[var]]
     if a.power_cut is not None and "ASAN_OPTIONS" in os.environ:
