@@ -164,11 +164,19 @@ def change(root, verb, growth, fresh=False):
         try:
             work = _copy(root, work, fresh, f".{name}.zq-devsim.{verb}.{os.getpid()}")
             yield work
+            _sync(work)
+            checkpoint("swap")  # the last point before the swap
+            _lock(fd, fcntl.F_WRLCK, READERS, wait=True)
+            # Swapped, the command has done what it exists to do: no signal ends it from here.
+            signal.pthread_sigmask(signal.SIG_BLOCK, SIGNALS)
         except BaseException:
             with _signals_held():
                 remove(work)
             raise
-        _commit(work, root, fd)
+        _swap(work, root, exchange=True)
+        _lock(fd, fcntl.F_UNLCK, READERS, wait=False)
+        checkpoint()  # swapped: the old phone is the copy, until it is removed
+        remove(work)
     finally:
         os.close(fd)
 
@@ -185,17 +193,17 @@ def create(root):
         if os.path.isdir(root):
             _copy_metadata(root, work)
         yield work
+        _sync(work)
+        checkpoint()
+        signal.pthread_sigmask(signal.SIG_BLOCK, SIGNALS)  # as in change()
     except BaseException:
         with _signals_held():
             remove(work)
         raise
-    with _signals_held(forever=True):
-        _sync(work)
-        checkpoint()
-        existed = os.path.isdir(root)
-        _swap(work, root, exchange=existed)
-        if existed:
-            os.rmdir(work)
+    existed = os.path.isdir(root)
+    _swap(work, root, exchange=existed)
+    if existed:
+        os.rmdir(work)
 
 
 def _sweep(root):
@@ -232,24 +240,11 @@ def _copy(root, work, fresh, done):
     return done
 
 
-def _commit(work, root, fd):
-    """Swaps the finished copy |work| in for the phone in |root|; the old phone goes."""
-    with _signals_held(forever=True):  # swapped, the command has done what it exists to do
-        _sync(work)
-        checkpoint("swap")  # the last point before the swap
-        _lock(fd, fcntl.F_WRLCK, READERS, wait=True)
-        _swap(work, root, exchange=True)
-        _lock(fd, fcntl.F_UNLCK, READERS, wait=False)
-        checkpoint()  # swapped: the old phone is the copy, until it is removed
-        remove(work)
-
-
 @contextlib.contextmanager
-def _signals_held(forever=False):
-    """Keeps Ctrl-C, SIGTERM and SIGHUP out meanwhile (|forever|: until the command ends)."""
+def _signals_held():
+    """Keeps Ctrl-C, SIGTERM and SIGHUP out meanwhile."""
     old = signal.pthread_sigmask(signal.SIG_BLOCK, SIGNALS)
     try:
         yield
     finally:
-        if not forever:
-            signal.pthread_sigmask(signal.SIG_SETMASK, old)
+        signal.pthread_sigmask(signal.SIG_SETMASK, old)
