@@ -6,10 +6,9 @@ the dump's remaining seconds beside it; a boot takes them out and publishes them
 
 import os
 
-from .phone import DB_PROP, RAMDUMP_PROP, read_prop, write_prop
+from .phone import DB_PROP, RAMDUMP_PROP, read_prop, schedule_path, write_prop
 
 DUMP = ".devsim/dump"  # seconds of RAM dump still to write once the engine says "dumping"
-SCHEDULE = "properties/.schedule." + RAMDUMP_PROP  # the host layer's form of a changing value
 # When the engine speaks, as (moment, what it sets) steps, a moment being init's stage after which
 # it speaks or IDLE, once init has handled every event queued so far: before post-fs-data (at
 # `init`, before init runs property triggers: its queue_property_triggers then finds the value set),
@@ -34,9 +33,9 @@ def leave(root, db_value, dumping):
 
 def forget_dump(root):
     """The dump ends where it stands: a reboot, or someone setting its property by hand."""
-    for path in (DUMP, SCHEDULE):
-        if os.path.lexists(os.path.join(root, path)):
-            os.unlink(os.path.join(root, path))
+    for path in (os.path.join(root, DUMP), schedule_path(root, RAMDUMP_PROP)):
+        if os.path.lexists(path):
+            os.unlink(path)
 
 
 def take(root, choice):
@@ -60,6 +59,6 @@ def take(root, choice):
 def schedule(root, seconds):
     """The dump's progress while the daemon runs, on its own clock: "dumping" until |seconds| after
     its first look, then "done"."""
-    with open(os.path.join(root, SCHEDULE), "w") as f:
+    with open(schedule_path(root, RAMDUMP_PROP), "w") as f:
         f.write(f"0 dumping\n{seconds} done\n")
-    os.chmod(os.path.join(root, SCHEDULE), 0o644)
+    os.chmod(schedule_path(root, RAMDUMP_PROP), 0o644)

@@ -101,13 +101,18 @@ def prop_path(root, name):
     return os.path.join(root, "properties", prop_name(name))
 
 
+def schedule_path(root, name):
+    """The host layer's form of a changing value: lines "SECONDS VALUE" (README)."""
+    return os.path.join(root, "properties", ".schedule." + name)
+
+
 def write_prop(root, name, value):
     """Sets a property as the phone's property service would: whole, atomically, within its limit;
     an empty |value| unsets it."""
     path = prop_path(root, name)
     prop_value(name, value)
     checkpoint()
-    schedule = os.path.join(root, "properties", ".schedule." + name)
+    schedule = schedule_path(root, name)
     if os.path.lexists(schedule):  # setting a property ends its schedule, as the host layer does
         os.unlink(schedule)
     if not value:
@@ -136,7 +141,7 @@ def daemon_prop(root, name):
     it (properties/.schedule.NAME, during a boot), the value the daemon last read, or before its
     first read the value the schedule starts with."""
     try:
-        with open(os.path.join(root, "properties", ".schedule." + name), "rb") as f:
+        with open(schedule_path(root, name), "rb") as f:
             schedule = [line.split(b" ", 1) for line in f.read().split(b"\n") if b" " in line]
     except FileNotFoundError:
         return read_prop(root, name)
