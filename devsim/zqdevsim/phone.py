@@ -190,18 +190,18 @@ def journal_size(root):
 
 def kernel_log(root, priority, tag, message):
     """Appends a record of the kernel's log, as init and fs_mgr write theirs to /dev/kmsg."""
-    _journal(root, {"ev": "log", "buf": "kernel", "prio": priority, "tag": tag, "msg": message})
+    _journal(root, "log", buf="kernel", prio=priority, tag=tag, msg=message)
 
 
 def journal_set(root, name, value, ok):
     """Appends the record of a property that init's property service set (or refused)."""
-    _journal(root, {"ev": "set", "name": name, "value": value, "ok": ok})
+    _journal(root, "set", name=name, value=value, ok=ok)
 
 
-def _journal(root, fields):
+def _journal(root, ev, **fields):
     """Appends a record of init's, pid 1; one write, as the host layer appends its own."""
     checkpoint()
-    record = {"ev": fields.pop("ev"), "pid": 1, "mono_ns": time.monotonic_ns(), **fields}
+    record = {"ev": ev, "pid": 1, "mono_ns": time.monotonic_ns(), **fields}
     fd = os.open(os.path.join(root, "journal"), os.O_WRONLY | os.O_APPEND)
     try:
         os.write(fd, (json.dumps(record) + "\n").encode())

@@ -155,11 +155,8 @@ def change(root, verb, growth, fresh=False):
             raise Refusal(f"the phone in {root} is busy: {(busy or ['another command'])[0]} is "
                           "changing it")
         _sweep(root)
-        need = (0 if fresh else allocated(root)) + growth
-        if need > free_bytes(parent):
-            raise Refusal(f"{need >> 10} KiB for a copy of the phone and what {verb} adds do not "
-                          f"fit {parent}, which has {free_bytes(parent) >> 10} KiB free; nothing "
-                          "changed")
+        _room(parent, (0 if fresh else allocated(root)) + growth, f"a copy of the phone and what "
+              f"{verb} adds")
         work = os.path.join(parent, f".{name}.zq-devsim.{COPYING}.{os.getpid()}")
         try:
             work = _copy(root, work, fresh, f".{name}.zq-devsim.{verb}.{os.getpid()}")
@@ -182,11 +179,12 @@ def change(root, verb, growth, fresh=False):
 
 
 @contextlib.contextmanager
-def create(root):
-    """Lays out a new phone at |root|, absent or an empty folder, in a folder beside it that it
-    yields, and renames that into place if the command succeeds."""
+def create(root, size):
+    """Lays out a new phone of up to |size| bytes at |root|, absent or an empty folder, in a folder
+    beside it that it yields, and renames that into place if the command succeeds."""
     parent, name = os.path.split(root)
     _sweep(root)
+    _room(parent, size, "a new phone")
     work = os.path.join(parent, f".{name}.zq-devsim.init.{os.getpid()}")
     os.mkdir(work, 0o755)
     try:
@@ -204,6 +202,14 @@ def create(root):
     _swap(work, root, exchange=existed)
     if existed:
         os.rmdir(work)
+
+
+def _room(parent, need, what):
+    """Refuses a command whose |need| bytes for |what| do not fit the folder |parent|."""
+    free = free_bytes(parent)
+    if need > free:
+        raise Refusal(f"{need >> 10} KiB for {what} do not fit {parent}, which has {free >> 10} "
+                      "KiB free; nothing changed")
 
 
 def _sweep(root):
