@@ -190,7 +190,8 @@ class Boot:
         mount_point = os.path.join(self.root, MOUNT_POINT)
         if os.path.lexists(mount_point):
             shutil.rmtree(mount_point)
-        os.makedirs(mount_point, 0o755)
+        os.makedirs(mount_point)
+        own(mount_point, 0o755)
         self.queue.extend(("stage", stage, None) for stage in STAGES)
         while self.queue or not self.completed():
             if not self.queue:
@@ -310,7 +311,6 @@ class Boot:
         partition's root that no restorecon has labelled, vendor_init may not change the owner or
         mode."""
         path = self.phone_path(phone_path).rstrip("/")
-        uid, gid = AIDS.get(owner, 0), AIDS.get(group or owner, 0)
         if not os.path.lexists(path):
             try:
                 os.mkdir(path)
@@ -321,10 +321,16 @@ class Boot:
         elif phone_path in unlabelled(self.root) and self.mounted and \
                 phone_path.rstrip("/") == LOG_MOUNT_POINT:
             return "setattr denied: an unlabelled folder (no restorecon since its format)"
-        if os.geteuid() == 0:
-            os.lchown(path, uid, gid)
-        os.chmod(path, int(mode, 8))
+        own(path, int(mode, 8), owner, group)
         return None
+
+
+def own(path, mode, owner="root", group=None):
+    """Gives |path| |mode| and, as root, |owner| and |group| (names an init script may use, others
+    root's), as init does: never from the umask of whoever runs the simulator."""
+    if os.geteuid() == 0:
+        os.lchown(path, AIDS.get(owner, 0), AIDS.get(group or owner, 0))
+    os.chmod(path, mode)
 
 
 def kmsg_record(text):

@@ -11,6 +11,7 @@ import struct
 import subprocess
 import tempfile
 
+from .init import own
 from .phone import Failure, Refusal
 
 # The images, their mount points in the device root and their default sizes in MiB.
@@ -131,7 +132,8 @@ class Storage:
             return
         folder = os.path.join(self.root, IMAGES[1][1])
         shutil.rmtree(folder)
-        os.mkdir(folder, 0o755)
+        os.mkdir(folder)
+        own(folder, 0o755)
 
     def cut(self, on_disk):
         """The power goes: nothing more of the page cache reaches the images."""
