@@ -29,6 +29,17 @@ def boot_clock(root, setting):
     return at + (f" x{rate:g}" if rate != 1 else ""), earliest, rate
 
 
+def later(setting, seconds):
+    """The libfaketime setting of a clock |seconds| ahead of |setting|'s (None: the real clock)."""
+    if not seconds:
+        return setting
+    if setting and setting.startswith("@"):
+        at = _seconds(time.strptime(setting[1:20], "%Y-%m-%d %H:%M:%S")) + seconds
+        return time.strftime("@%Y-%m-%d %H:%M:%S", _sandbox_zone()(at)) + setting[20:]
+    offset, _, rate = (setting or "+0").partition(" ")
+    return f"{float(offset) + seconds:+g}" + (f" {rate}" if rate else "")
+
+
 def _sandbox_zone():
     """libfaketime reads a time in the sandbox's zone: TZ's, or UTC, as the sandbox has no
     /etc/localtime."""

@@ -10,6 +10,7 @@ import shlex
 import shutil
 
 from .engine import IDLE
+from . import phone
 from .phone import Refusal, journal_set, kernel_log, read_prop, write_prop
 
 # The stages that init's `late-init` triggers, and the event that `mount_all --late` queues after
@@ -26,6 +27,7 @@ DISK_PART = "sdc40"  # what init publishes of the partition the by-name link lea
 # How fs_mgr's mount_all ends for the log partition.
 OUTCOMES = ("mounted", "missing", "unmountable", "wiped")
 MOUNT_POINT = ".devsim/mount-point"  # the mount point on /mnt's tmpfs, made anew at each boot
+WAIT_SECONDS = 20  # how long fs_mgr waits for the device of an entry with `wait` (WaitForFile)
 
 
 # The commands of init that a boot carries out, with the counts of arguments init takes (None: any
@@ -175,9 +177,9 @@ class Boot:
     """One boot of the phone in |root|: |start_service| runs a service that the script starts and
     returns whether the boot goes on (a power cut ends it)."""
 
-    def __init__(self, root, script, engine_steps, outcome, options, start_service):
+    def __init__(self, root, script, engine_steps, outcome, fstab, start_service):
         self.root, self.script, self.start_service = root, script, start_service
-        self.options = options  # the fstab line's file system options
+        self.options, self.flags = fstab  # the fstab line's file system options and fs_mgr flags
         self.engine_steps, self.outcome = list(engine_steps), outcome  # engine.take()'s
         self.queue, self.stage = collections.deque(), None
         self.mounted, self.triggers = False, False
@@ -237,18 +239,24 @@ class Boot:
         return True
 
     def mount(self):
-        """fs_mgr's mount_all for the log partition, with the lines it logs (fs_mgr/fs_mgr.cpp)."""
+        """fs_mgr's mount_all for the log partition, with the lines it logs and the time it waits
+        (fs_mgr/fs_mgr.cpp, fs_mgr_mount_all)."""
         fs_mgr = "[libfs_mgr]"
-        mount = f"{fs_mgr}__mount(source={BLOCK_DEVICE},target={LOG_MOUNT_POINT},type=ext4)="
-        if self.outcome == "missing":
+        if self.outcome == "missing" and "wait" in self.flags:
+            phone.waited_ns += WAIT_SECONDS * 10**9  # for a device that never comes
             self.log("E", f"{fs_mgr}Skipping '{BLOCK_DEVICE}' during mount_all")
             return
+        error = {"missing": "No such file or directory", "unmountable": "Invalid argument"}
+        if self.outcome == "missing":  # read_ext4_superblock
+            self.log("E", f"{fs_mgr}Failed to open '{BLOCK_DEVICE}': {error['missing']}")
+        mount = f"{fs_mgr}__mount(source={BLOCK_DEVICE},target={LOG_MOUNT_POINT},type=ext4)="
         if self.outcome != "mounted":
-            self.log("I", mount + "-1: Invalid argument")
-        if self.outcome == "unmountable":
-            self.log("E", f"{fs_mgr}Ignoring failure to mount an un-encryptable or wiped partition "
-                          f"on {BLOCK_DEVICE} at {LOG_MOUNT_POINT} options: {self.options}: "
-                          "Invalid argument")
+            self.log("I", mount + f"-1: {error.get(self.outcome, error['unmountable'])}")
+        if self.outcome in error:
+            failure = "Ignoring failure to mount" if "nofail" in self.flags else "Failed to mount"
+            self.log("E", f"{fs_mgr}{failure} an un-encryptable or wiped partition on "
+                          f"{BLOCK_DEVICE} at {LOG_MOUNT_POINT} options: {self.options}: "
+                          f"{error[self.outcome]}")
             return
         if self.outcome == "wiped":
             self.log("E", f"{fs_mgr}fs_mgr_mount_all(): /dev/block/{DISK_PART} is wiped and "

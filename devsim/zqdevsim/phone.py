@@ -198,10 +198,18 @@ def journal_set(root, name, value, ok):
     _journal(root, "set", name=name, value=value, ok=ok)
 
 
+# Device time that init spent waiting in this boot beyond what the workstation took, in ns.
+waited_ns = 0
+
+
+def waited():
+    return waited_ns / 1e9
+
+
 def _journal(root, ev, **fields):
     """Appends a record of init's, pid 1; one write, as the host layer appends its own."""
     checkpoint()
-    record = {"ev": ev, "pid": 1, "mono_ns": time.monotonic_ns(), **fields}
+    record = {"ev": ev, "pid": 1, "mono_ns": time.monotonic_ns() + waited_ns, **fields}
     fd = os.open(os.path.join(root, "journal"), os.O_WRONLY | os.O_APPEND)
     try:
         os.write(fd, (json.dumps(record) + "\n").encode())
