@@ -287,6 +287,7 @@ def every_point():
         for point in itertools.count(1):
             root = fresh_phone("killed")
             status = step(root, verb, args, (point, "KILL"))
+            os.mkdir(os.path.join(WORK, ".killed.zq-devsim.boot.1"))  # a killed one's, PID reused
             assert step(root, "setprop", ["persist.zq.after", "1"]) == 0
             if status != -9:
                 points[verb] = point - 1

@@ -154,7 +154,7 @@ def change(root, verb, growth, fresh=False):
             busy = [f"pid {pid}" for _, _, pid in _copies(root) if _alive(pid)]
             raise Refusal(f"the phone in {root} is busy: {(busy or ['another command'])[0]} is "
                           "changing it")
-        _sweep(root)
+        _sweep(root, writer=True)
         _room(parent, (0 if fresh else allocated(root)) + growth, f"a copy of the phone and what "
               f"{verb} adds")
         work = os.path.join(parent, f".{name}.zq-devsim.{COPYING}.{os.getpid()}")
@@ -212,10 +212,12 @@ def _room(parent, need, what):
                       "KiB free; nothing changed")
 
 
-def _sweep(root):
-    """Removes the copies that commands killed while changing the phone in |root| left beside it."""
+def _sweep(root, writer=False):
+    """Removes the copies that commands killed while changing the phone in |root| left beside it:
+    with the writer's lock held, every one, as no other command is at work (a killed command's
+    PID may stay a zombie for seconds, or be reused); without it, those whose PID is gone."""
     for path, _, pid in _copies(root):
-        if not _alive(pid) or pid == os.getpid():
+        if writer or not _alive(pid) or pid == os.getpid():
             remove(path)
 
 
