@@ -24,6 +24,7 @@ import subprocess
 import sys
 import tarfile
 import tempfile
+import time
 
 from hypothesis import HealthCheck, seed, settings
 from hypothesis import strategies as st
@@ -71,17 +72,23 @@ def devsim(*args, interrupt=None):
 
 
 def end_session(session):
-    """Kills what is left running in |session|, which zombies are not; the commands it killed."""
-    killed = []
-    for entry in filter(str.isdigit, os.listdir("/proc")):
-        try:
-            with open(f"/proc/{entry}/stat") as f:
-                name, _, fields = f.read().partition(" (")[2].rpartition(")")
-            if fields.split()[0] != "Z" and int(fields.split()[3]) == session:
-                os.kill(int(entry), signal.SIGKILL)
-                killed.append(name)
-        except (OSError, IndexError):
-            pass
+    """Kills what is left running in |session|, which zombies are not, pass after pass until one
+    finds nothing: a process forked during a pass escapes it, but not the next, and once none is
+    left none can fork. The commands it killed."""
+    killed, found = [], True
+    while found:
+        found = False
+        time.sleep(0.01 if killed else 0)  # for what was killed to become a zombie
+        for entry in filter(str.isdigit, os.listdir("/proc")):
+            try:
+                with open(f"/proc/{entry}/stat") as f:
+                    name, _, fields = f.read().partition(" (")[2].rpartition(")")
+                if fields.split()[0] != "Z" and int(fields.split()[3]) == session:
+                    os.kill(int(entry), signal.SIGKILL)
+                    killed.append(name)
+                    found = True
+            except (OSError, IndexError):
+                pass
     return killed
 
 
