@@ -425,7 +425,12 @@ TEST_P(KillPointTest, EveryPanicOnDiskBeforeACutSurvivesIt) {
     for (int kept = std::max(0, count - 4); kept < static_cast<int>(after.size()); ++kept) {
       EXPECT_TRUE(Whole(dir, ArchiveName(kept, after[kept].first), after[kept].second));
     }
-    EXPECT_LE(Entries(device.Pull("/data/vendor/dump_collect")).size(), 2U);
+    const std::string staging = device.Pull("/data/vendor/dump_collect");
+    EXPECT_LE(Entries(staging).size(), 2U);
+    // A run that ended had synced what it staged.
+    EXPECT_TRUE(cuts.back() != "end" || Slurp(staging + "/panic_log_" + Time(10) +
+                                              "/last_kmsg.txt") == panics.back().second)
+        << "the staged kernel log of the boot cut at its end";
   }
   EXPECT_GT(cuts.size(), on_disk == "synced" ? 2U : 20U) << "a boot makes a few dozen changes";
   std::cout << userland << ", " << on_disk << ": power cut at " << Join(cuts, " ") << "\n";

@@ -64,6 +64,24 @@ bool waitForRamdumpCompletion() {
   return false;
 }
 
+// Makes durable what this run staged: the files of its staging folder, the folder, and the
+// staging root's entries (the new folder, those retention removed). Only these: a syncfs of
+// /data would write back every process's data at the boot's busiest moment.
+void SyncStaged() {
+  namespace fs = std::filesystem;
+  std::error_code error;
+  if (!fs::exists(gDumpCollectDir, error)) return;  // nothing of this run there
+  if (fs::is_directory(gPanicLogDir, error)) {
+    for (fs::directory_iterator it(gPanicLogDir, error); !error && it != fs::directory_iterator();
+         it.increment(error)) {
+      std::error_code ignored;
+      if (fs::is_regular_file(it->symlink_status(ignored))) SyncToDisk(it->path());
+    }
+    SyncToDisk(gPanicLogDir);
+  }
+  SyncToDisk(gDumpCollectDir);
+}
+
 // Publishes whether the upload marker can be opened; its contents never matter.
 void checkCBTFile() {
   std::ifstream marker(kCbtFile);
@@ -155,11 +173,10 @@ int main(int /*argc*/, char** argv) {
     LimitFolderNum(std::filesystem::path(gDumpCollectDir), kStagingFoldersKept);
     copy_to_zq_log();
     // A panic reboots without writing back the page cache: the final "1" means that what this
-    // run staged and filed is on disk. A tree that does not exist holds nothing of this run.
-    for (const std::string& tree : {gDumpCollectDir, std::string(kLogPartition)}) {
-      std::error_code missing;
-      if (std::filesystem::exists(tree, missing)) SyncToDisk(tree, true);
-    }
+    // run staged and filed is on disk. The log partition is the daemon's alone: all of it.
+    SyncStaged();
+    std::error_code missing;
+    if (std::filesystem::exists(kLogPartition, missing)) SyncToDisk(kLogPartition, true);
   } else {
     LOG(INFO) << "mrdump is not dumping or done.";
   }
