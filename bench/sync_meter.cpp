@@ -1,7 +1,8 @@
-// Preloaded into the daemon by bench/run-sync: before the daemon starts, another process leaves
-// 512 MiB of dirty data on /data; then every fsync and syncfs of the daemon is timed, with what
-// the block devices wrote while it ran. As the daemon exits, one log record in the journal:
-// "syncs=N sync_ms=M written_kib=K".
+// Preloaded into the daemon by bench/run-sync: right before the daemon's first sync, another
+// process leaves 512 MiB of dirty data on /data; then every fsync and syncfs of the daemon is
+// timed, with what the block devices wrote while it ran. As the daemon exits, one log record in
+// the journal: "syncs=N sync_ms=M written_kib=K dirty_kib=D", D the page cache's dirty data when
+// the syncs began (the kernel may have written some of the 512 MiB back by then).
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <stdlib.h>
@@ -26,6 +27,21 @@ constexpr int kDirtyMiB = 512;
 int syncs = 0;
 std::chrono::steady_clock::duration syncing{};
 long long written_sectors = 0;
+long long dirty_kib = 0;
+
+// "Dirty:" of /proc/meminfo, in KiB.
+long long DirtyKib() {
+  std::ifstream meminfo("/proc/meminfo");
+  std::string name;
+  long long kib = 0;
+  while (meminfo >> name >> kib) {
+    if (name == "Dirty:") return kib;
+    meminfo.ignore(64, '\n');
+  }
+  return 0;
+}
+
+void Dirty();
 
 // Sectors written so far by the loop devices that hold the phone's partitions (/proc/diskstats:
 // the tenth field of a line).
@@ -47,6 +63,10 @@ long long LoopSectorsWritten() {
 
 template <typename Call>
 int Measured(Call call) {
+  if (syncs == 0) {
+    Dirty();
+    dirty_kib = DirtyKib();
+  }
   const long long sectors = LoopSectorsWritten();
   const auto start = std::chrono::steady_clock::now();
   const int result = call();
@@ -56,9 +76,13 @@ int Measured(Call call) {
   return result;
 }
 
+// The daemon's commands are not measured.
+__attribute__((constructor)) void Forget() {
+  unsetenv("LD_PRELOAD");
+}
+
 // Another process writes, and leaves its data to the kernel's write-back.
-__attribute__((constructor)) void Dirty() {
-  unsetenv("LD_PRELOAD");  // the daemon's commands are not measured
+void Dirty() {
   const pid_t writer = fork();
   if (writer == 0) {
     const int fd = open(kDirtyFile, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
@@ -78,7 +102,8 @@ __attribute__((constructor)) void Dirty() {
 __attribute__((destructor)) void Report() {
   const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(syncing).count();
   const std::string report = "syncs=" + std::to_string(syncs) + " sync_ms=" + std::to_string(ms) +
-                             " written_kib=" + std::to_string(written_sectors / 2);
+                             " written_kib=" + std::to_string(written_sectors / 2) +
+                             " dirty_kib=" + std::to_string(dirty_kib);
   host::JournalLog(LOG_ID_SYSTEM, ANDROID_LOG_INFO, "zq-sync-meter", report.c_str());
 }
 
