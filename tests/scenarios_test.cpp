@@ -309,6 +309,7 @@ TEST_P(ScenarioTest, EndsAsDesigned) {
   EXPECT_EQ(seen, statuses);
   // An abnormal end leaves the status at "running", with no "Time taken: " and no exit status 0.
   EXPECT_EQ(result.status == 0, statuses.back() == "1") << result.err;
+  ASSERT_FALSE(daemon_ns.empty()) << "the daemon logged nothing: " << result.err;
   // Within what the journal saw of the run, on the same clock, however fast that clock ran.
   EXPECT_LE(TimeTaken(messages), (daemon_ns.back() - daemon_ns.front()) / 1'000'000);
   EXPECT_TRUE(Holds(messages, ExpectedLog(vocabulary, scenario.steps, values), anywhere));

@@ -70,10 +70,18 @@ def priorities(service):
     return command
 
 
-def bwrap_argv(root, binary, a, service, helper_dir, mounts):
+def installed(source, mode, target, fds):
+    """bubblewrap's arguments that put a copy of |source| at |target| with |mode|, as the phone's
+    build installs it, whatever the umask it was built under; the descriptor it reads from is
+    added to |fds|, for bubblewrap to inherit and the caller to close."""
+    fds.append(os.open(source, os.O_RDONLY | os.O_CLOEXEC))
+    return ["--perms", mode, "--ro-bind-data", str(fds[-1]), target]
+
+
+def bwrap_argv(root, binary, a, service, helper_dir, mounts, fds):
     """The bubblewrap command that boots |binary| over the device root |root| as |service| (its
     user only when |a|.as_service). |mounts|: whether /data is ready yet, and the folder at the log
-    partition's mount point (None: the partition)."""
+    partition's mount point (None: the partition). The descriptors it must inherit go to |fds|."""
     data_ready, log_mount_point = mounts
     argv = [
         "bwrap", "--die-with-parent", "--unshare-ipc", "--unshare-pid", "--unshare-uts",
@@ -90,7 +98,7 @@ def bwrap_argv(root, binary, a, service, helper_dir, mounts):
         # bubblewrap makes the folders a bind needs open to root alone; the service is not root.
         "--perms", "0755", "--dir", "/vendor", "--perms", "0755", "--dir", "/vendor/bin",
         "--perms", "0755", "--dir", "/.devsim",
-        "--ro-bind", binary, "/vendor/bin/zq_mrdump_collect",
+        *installed(binary, "0755", "/vendor/bin/zq_mrdump_collect", fds),
         "--clearenv", "--setenv", "PATH", "/vendor/bin:/bin:/usr/bin", "--chdir", "/",
     ]
     command = ["/vendor/bin/zq_mrdump_collect"]
@@ -122,7 +130,7 @@ def bwrap_argv(root, binary, a, service, helper_dir, mounts):
         os.chmod(wrapper, 0o755)
         argv += ["--ro-bind", tool("gzip"), "/.devsim/gzip", "--ro-bind", wrapper, "/usr/bin/gzip"]
     if a.preload:
-        argv += ["--ro-bind", os.path.realpath(a.preload), "/.devsim/preload.so"]
+        argv += installed(os.path.realpath(a.preload), "0644", "/.devsim/preload.so", fds)
         preloads.append("/.devsim/preload.so")
     settings = []
     if a.faketime:
