@@ -352,6 +352,13 @@ def watch_a_boot(root):
 
 
 def main():
+    try:
+        run()
+    finally:  # whatever the outcome, from the first step on
+        shutil.rmtree(WORK, ignore_errors=True)
+
+
+def run():
     # A phone with history: three panics, each booted, made once and copied for every example.
     os.mkdir(NO_MKSH)
     for folder in ("/usr/bin", "/usr/sbin"):
@@ -367,15 +374,12 @@ def main():
     for minute in range(3):
         assert devsim("panic", TEMPLATE, "--kmsg-size", "16", "--db-size", "64")[0] == 0
         assert devsim("boot", TEMPLATE, "--faketime", f"@2024-05-01 03:0{minute}:05")[0] == 0
-    try:
-        if SEED == "every-point":
-            every_point()
-            return
-        run_state_machine_as_test(seed(int(SEED))(Phone), settings=settings(
-            max_examples=EXAMPLES, stateful_step_count=20, deadline=None, database=None,
-            suppress_health_check=list(HealthCheck), print_blob=True))
-    finally:
-        shutil.rmtree(WORK, ignore_errors=True)
+    if SEED == "every-point":
+        every_point()
+        return
+    run_state_machine_as_test(seed(int(SEED))(Phone), settings=settings(
+        max_examples=EXAMPLES, stateful_step_count=20, deadline=None, database=None,
+        suppress_health_check=list(HealthCheck), print_blob=True))
     ends = ", ".join(f"{n} {'ended ' + str(k) if isinstance(k, int) else k}"
                      for k, n in sorted(STEPS.items(), key=str))
     print(f"devsim_invariants: seed {SEED}: {EXAMPLES} sequences of up to 20 verbs, "
