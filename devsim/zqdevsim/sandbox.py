@@ -1,6 +1,7 @@
 """The bubblewrap sandbox that runs the daemon as the init script's service, with the phone's fixed
 paths mapped onto the device root."""
 
+import contextlib
 import glob
 import os
 import re
@@ -68,6 +69,17 @@ def priorities(service):
     if service["priority"]:
         command += ["nice", "-n", service["priority"][0]]
     return command
+
+
+@contextlib.contextmanager
+def descriptors():
+    """The list that bwrap_argv adds the descriptors bubblewrap reads from to, closed on leaving."""
+    fds = []
+    try:
+        yield fds
+    finally:
+        for fd in fds:
+            os.close(fd)
 
 
 def installed(source, mode, target, fds):
