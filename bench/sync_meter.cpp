@@ -41,8 +41,6 @@ long long DirtyKib() {
   return 0;
 }
 
-void Dirty();
-
 // Sectors written so far by the loop devices that hold the phone's partitions (/proc/diskstats:
 // the tenth field of a line).
 long long LoopSectorsWritten() {
@@ -59,6 +57,24 @@ long long LoopSectorsWritten() {
     if (name.rfind("loop", 0) == 0) total += value;
   }
   return total;
+}
+
+// Another process writes, and leaves its data to the kernel's write-back.
+void Dirty() {
+  const pid_t writer = fork();
+  if (writer == 0) {
+    const int fd = open(kDirtyFile, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    const std::vector<char> block(1 << 20, 'x');
+    for (int mib = 0; fd >= 0 && mib < kDirtyMiB; ++mib) {
+      if (write(fd, block.data(), block.size()) != static_cast<ssize_t>(block.size())) _exit(1);
+    }
+    _exit(fd >= 0 ? 0 : 1);
+  }
+  int status = 0;
+  waitpid(writer, &status, 0);
+  if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
+    host::JournalLog(LOG_ID_SYSTEM, ANDROID_LOG_ERROR, "zq-sync-meter", "could not write /data");
+  }
 }
 
 template <typename Call>
@@ -79,24 +95,6 @@ int Measured(Call call) {
 // The daemon's commands are not measured.
 __attribute__((constructor)) void Forget() {
   unsetenv("LD_PRELOAD");
-}
-
-// Another process writes, and leaves its data to the kernel's write-back.
-void Dirty() {
-  const pid_t writer = fork();
-  if (writer == 0) {
-    const int fd = open(kDirtyFile, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-    const std::vector<char> block(1 << 20, 'x');
-    for (int mib = 0; fd >= 0 && mib < kDirtyMiB; ++mib) {
-      if (write(fd, block.data(), block.size()) != static_cast<ssize_t>(block.size())) _exit(1);
-    }
-    _exit(fd >= 0 ? 0 : 1);
-  }
-  int status = 0;
-  waitpid(writer, &status, 0);
-  if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
-    host::JournalLog(LOG_ID_SYSTEM, ANDROID_LOG_ERROR, "zq-sync-meter", "could not write /data");
-  }
 }
 
 __attribute__((destructor)) void Report() {
