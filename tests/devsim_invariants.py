@@ -30,12 +30,16 @@ from hypothesis import HealthCheck, seed, settings
 from hypothesis import strategies as st
 from hypothesis.stateful import RuleBasedStateMachine, initialize, rule, run_state_machine_as_test
 
+sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
+from left_behind import lingering  # pylint: disable=wrong-import-position
+
 DEVSIM = os.path.join(os.path.dirname(os.path.abspath(__file__)), "../devsim/zq-devsim")
 DAEMON, SEED = sys.argv[1], sys.argv[2]
 EXAMPLES = int(sys.argv[3]) if len(sys.argv) > 3 else 6
 WORK = tempfile.mkdtemp(prefix="zq-invariants.")
 TEMPLATE = os.path.join(WORK, "template")
 STEPS = collections.Counter()  # the steps run, by how they ended
+CALLS = itertools.count()
 
 
 NO_MKSH = os.path.join(WORK, "bin-without-mksh")  # a PATH that lacks the phone's shell
@@ -45,9 +49,11 @@ BAD_RC = os.path.join(WORK, "bad.rc")  # the kit's init script with lines that i
 BOUND = 120  # seconds that any one verb may take
 
 
-def devsim(*args, interrupt=None):
-    """zq-devsim |args|, ended at the change point and by the signal of |interrupt|, (N, NAME)."""
-    env = dict(os.environ, ZQ_MRDUMP_COLLECT=DAEMON, TZ="UTC")
+def devsim(*args, interrupt=None, kill_after=None):
+    """zq-devsim |args|, ended at the change point and by the signal of |interrupt|, (N, NAME), or
+    stopped at that point and killed |kill_after| seconds later, what it started going on."""
+    mark = f"ZQ_INVARIANTS_CALL={os.getpid()}.{next(CALLS)}"  # in each process it starts
+    env = dict(os.environ, ZQ_MRDUMP_COLLECT=DAEMON, TZ="UTC", ZQ_INVARIANTS_CALL=mark[19:])
     if "NO_MKSH" in args:
         env["PATH"], args = NO_MKSH, tuple(a for a in args if a != "NO_MKSH")
     env.pop("ZQ_DEVSIM_INTERRUPT", None)
@@ -57,39 +63,21 @@ def devsim(*args, interrupt=None):
     process = subprocess.Popen([DEVSIM, *args], env=env, stdout=subprocess.PIPE,
                                stderr=subprocess.PIPE, start_new_session=True)
     try:
+        if kill_after is not None:
+            os.waitpid(process.pid, os.WUNTRACED)
+            time.sleep(kill_after)
+            process.kill()
         out, err = process.communicate(timeout=BOUND)
     except subprocess.TimeoutExpired:
         out, err = b"", b""
-    finally:
-        left = end_session(process.pid)
+    finally:  # whatever ended it, SIGKILL at any moment included
+        left = lingering(mark.encode())
     if process.returncode is None:
         process.communicate()
         raise AssertionError(f"stalled for {BOUND} s: zq-devsim {' '.join(args)} (ended at "
                              f"{interrupt})")
-    # Only SIGKILL may leave a sandbox that was starting; the rest end all they started.
-    assert not left or process.returncode == -9, f"zq-devsim {' '.join(args)} left {left}"
+    assert not left, f"zq-devsim {' '.join(args)} (ended at {interrupt}) left {left} running"
     return process.returncode, out, err.decode(errors="replace")
-
-
-def end_session(session):
-    """Kills what is left running in |session|, which zombies are not, pass after pass until one
-    finds nothing: a process forked during a pass escapes it, but not the next, and once none is
-    left none can fork. The commands it killed."""
-    killed, found = [], True
-    while found:
-        found = False
-        time.sleep(0.01 if killed else 0)  # for what was killed to become a zombie
-        for entry in filter(str.isdigit, os.listdir("/proc")):
-            try:
-                with open(f"/proc/{entry}/stat") as f:
-                    name, _, fields = f.read().partition(" (")[2].rpartition(")")
-                if fields.split()[0] != "Z" and int(fields.split()[3]) == session:
-                    os.kill(int(entry), signal.SIGKILL)
-                    killed.append(name)
-                    found = True
-            except (OSError, IndexError):
-                pass
-    return killed
 
 
 def copies(root):
@@ -304,6 +292,10 @@ def every_point():
         assert devsim("panic", root, "--kmsg-size", "16", "--db-size", "16",
                       "--dumping", "300")[0] == 0
         assert step(root, "boot", [], ("sandbox", name)) == 128 + signal.Signals["SIG" + name]
+    root = fresh_phone("started")  # killed at 20 moments over the sandbox's start
+    assert devsim("panic", root, "--kmsg-size", "16", "--db-size", "16", "--dumping", "300")[0] == 0
+    for moment in range(20):
+        assert devsim("boot", root, interrupt=("sandbox", "STOP"), kill_after=moment / 200)[0] == -9
     watch_a_boot(fresh_phone("watched"))
     root = fresh_phone("clock")  # two boots on the workstation's clock, within a second
     for _ in range(2):
@@ -329,7 +321,8 @@ def every_point():
             subprocess.run(["umount", full], check=True)
     print("devsim_invariants: killed at every change point: " +
           ", ".join(f"{verb} {n}" for verb, n in points.items()) +
-          "; ended by SIGTERM and SIGHUP; refused on a full file system: every promise kept")
+          "; killed over the sandbox's start; ended by SIGTERM and SIGHUP; refused on a full file "
+          "system: every promise kept")
 
 
 def watch_a_boot(root):

@@ -2,10 +2,13 @@
 paths mapped onto the device root."""
 
 import contextlib
+import ctypes
 import glob
 import os
 import re
 import shutil
+import signal
+import subprocess
 import time
 
 from .init import IOPRIO_CLASSES
@@ -69,6 +72,40 @@ def priorities(service):
     if service["priority"]:
         command += ["nice", "-n", service["priority"][0]]
     return command
+
+
+PR_SET_PDEATHSIG = 1
+LIBC = ctypes.CDLL(None, use_errno=True)
+
+
+@contextlib.contextmanager
+def watchdog():
+    """The process group to start the sandbox in, led by a shell that outlives this command to kill
+    the group should the command die first (kill -9) without telling it "done" on leaving: the
+    namespace's first process, cloned before bubblewrap marks it to die with its parent, would wait
+    for a killed bubblewrap forever."""
+    said_r, said_w = os.pipe()
+    with subprocess.Popen(["/bin/sh", "-c", 'read -r said; [ "$said" = done ] || kill -9 0'],
+                          stdin=said_r, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
+                          process_group=0) as leader:
+        os.close(said_r)
+        try:
+            yield leader.pid
+        finally:
+            with contextlib.suppress(BrokenPipeError):  # killed with its group
+                os.write(said_w, b"done\n")
+            os.close(said_w)
+
+
+def dies_with(parent):
+    """For a child of |parent| to run before it execs: killed when |parent| dies, and gone at once
+    if |parent| died already, as its watchdog's kill may then have come before it joined the
+    group."""
+    def before_exec():
+        LIBC.prctl(PR_SET_PDEATHSIG, signal.SIGKILL)
+        if os.getppid() != parent:
+            os._exit(1)
+    return before_exec
 
 
 @contextlib.contextmanager
