@@ -1,13 +1,12 @@
 """The simulator's promises, checked after every step of random sequences of zq-devsim verbs, with
 random bad arguments and signals at chosen points, over a phone with history:
 - a verb that is refused (2), fails (1) or is ended by SIGINT, SIGTERM or SIGHUP (130, 143, 129)
-  leaves the device root exactly as it was: every file's bytes, mode, owner and times, every
-  property, the journal; one killed by SIGKILL leaves it so, or as a verb that succeeded, the old
-  phone whole beside it until the next verb that changes it;
+  says so in one last line and leaves the device root exactly as it was: every file's bytes, mode,
+  owner and times, every property, the journal; one killed by SIGKILL leaves it so, or as a verb
+  that succeeded, the old phone whole beside it until the next verb that changes it;
 - a verb changes only what it exists to change, and every archive it leaves is a whole gzip;
 - reading (getprop, logcat, tree, pull) changes nothing;
-- every verb ends within BOUND seconds, with its output or one line on standard error, never a
-  traceback; a verb that stalls is named.
+- every verb ends within BOUND seconds, never with a traceback, and leaves no process 3 s on.
 With "every-point" for SEED, each verb that changes a phone is killed at each of its change points
 instead, and each is refused on a full file system.
 Usage: devsim_invariants.py DAEMON SEED|every-point [EXAMPLES] (hypothesis; the seed makes a run
@@ -38,14 +37,10 @@ DAEMON, SEED = sys.argv[1], sys.argv[2]
 EXAMPLES = int(sys.argv[3]) if len(sys.argv) > 3 else 6
 WORK = tempfile.mkdtemp(prefix="zq-invariants.")
 TEMPLATE = os.path.join(WORK, "template")
-STEPS = collections.Counter()  # the steps run, by how they ended
-CALLS = itertools.count()
-
-
 NO_MKSH = os.path.join(WORK, "bin-without-mksh")  # a PATH that lacks the phone's shell
 BAD_RC = os.path.join(WORK, "bad.rc")  # the kit's init script with lines that init refuses
-
-
+STEPS = collections.Counter()  # the steps run, by how they ended
+CALLS = itertools.count()
 BOUND = 120  # seconds that any one verb may take
 
 
@@ -72,12 +67,32 @@ def devsim(*args, interrupt=None, kill_after=None):
         out, err = b"", b""
     finally:  # whatever ended it, SIGKILL at any moment included
         left = lingering(mark.encode())
+    where = f"zq-devsim {' '.join(args)} (ended at {interrupt})"
     if process.returncode is None:
         process.communicate()
-        raise AssertionError(f"stalled for {BOUND} s: zq-devsim {' '.join(args)} (ended at "
-                             f"{interrupt})")
-    assert not left, f"zq-devsim {' '.join(args)} (ended at {interrupt}) left {left} running"
+        raise AssertionError(f"{where} stalled for {BOUND} s")
+    assert not left, f"{where} left {left} running"
     return process.returncode, out, err.decode(errors="replace")
+
+
+def snapshot(root):
+    """Every entry of the device root but the lock: its mode, owner, size, times, and its bytes."""
+    top = os.lstat(root)
+    entries = {".": (top.st_mode, top.st_uid, top.st_gid, top.st_mtime_ns)}
+    for folder, dirs, files in os.walk(root):
+        for path in (os.path.join(folder, name) for name in dirs + files):
+            st_ = os.lstat(path)
+            body = os.readlink(path).encode() if stat.S_ISLNK(st_.st_mode) else \
+                open(path, "rb").read() if stat.S_ISREG(st_.st_mode) else b""
+            entries[os.path.relpath(path, root)] = (st_.st_mode, st_.st_uid, st_.st_gid,
+                                                    st_.st_size, st_.st_mtime_ns,
+                                                    hashlib.sha256(body).hexdigest())
+    entries.pop(".devsim/lock", None)
+    return entries
+
+
+def changed(before, after):
+    return sorted(p for p in set(before) | set(after) if before.get(p) != after.get(p))
 
 
 def copies(root):
@@ -85,29 +100,6 @@ def copies(root):
     parent, name = os.path.split(root)
     return [os.path.join(parent, n) for n in os.listdir(parent)
             if n.startswith(f".{name}.zq-devsim.")]
-
-
-def snapshot(root):
-    """Every entry of the device root but the lock: its mode, owner, size, times, and its bytes."""
-    entries = {}
-    for folder, dirs, files in os.walk(root):
-        for name in dirs + files:
-            path = os.path.join(folder, name)
-            rel = os.path.relpath(path, root)
-            if rel == ".devsim/lock":
-                continue
-            st_ = os.lstat(path)
-            body = os.readlink(path).encode() if stat.S_ISLNK(st_.st_mode) else \
-                open(path, "rb").read() if stat.S_ISREG(st_.st_mode) else b""
-            entries[rel] = (st_.st_mode, st_.st_uid, st_.st_gid, st_.st_size, st_.st_mtime_ns,
-                            hashlib.sha256(body).hexdigest())
-    top = os.lstat(root)
-    entries["."] = (top.st_mode, top.st_uid, top.st_gid, top.st_mtime_ns)
-    return entries
-
-
-def changed(before, after):
-    return sorted(p for p in set(before) | set(after) if before.get(p) != after.get(p))
 
 
 # What each verb may change when it succeeds: the trees it owns, and the folders whose entries
@@ -120,13 +112,8 @@ MAY_CHANGE = {
     "setprop": (("properties", ".devsim"), (".",)),
     "init": None,  # --force: a phone as flashed, in place of this one
 }
-
-SIGNALS = ("INT", "TERM", "HUP", "KILL")
-INTERRUPT = st.one_of(st.none(), st.tuples(st.integers(1, 40), st.sampled_from(SIGNALS)))
-SIZES = st.sampled_from(["0", "16", "64", "x", "-1", "999999999"])
-PROPS = st.sampled_from(["vendor.debug.mtk.aeev.ramdump", "vendor.minidump.cp.status",
-                         "persist.zq.test", "vendor..bad", "a" * 300, ""])
-VALUES = st.sampled_from(["", "done", "dumping", "1", "x" * 92])
+INTERRUPT = st.one_of(st.none(), st.tuples(st.integers(1, 40),
+                                           st.sampled_from(("INT", "TERM", "HUP", "KILL"))))
 BOOT_OPTIONS = st.lists(st.sampled_from([
     ["--userland", "android"], ["--userland", "ios"], ["--engine", "before"],
     ["--engine", "never"], ["--log-partition", "missing"], ["--log-partition", "wiped"],
@@ -136,8 +123,7 @@ BOOT_OPTIONS = st.lists(st.sampled_from([
     ["--fail-tar", "3"], ["--slow-gzip", "0"], ["--power-cut", "0"], ["--power-cut", "7"],
     ["--faketime", "@2024-13-01 00:00:00"], ["--preload", "/nonexistent.so"],
     ["--init-script", "/nonexistent.rc"], ["--init-script", BAD_RC], ["--bogus"],
-    ["--userland", "android", "NO_MKSH"],
-    ["--tmpfs", "mnt/vendor/zq_log/out", "100"]]), max_size=3)
+    ["--userland", "android", "NO_MKSH"], ["--tmpfs", "mnt/vendor/zq_log/out", "100"]]), max_size=3)
 READS = st.sampled_from([
     ["getprop"], ["getprop", "vendor.debug.mtk.aeev.ramdump"], ["getprop", "vendor..bad"],
     ["logcat"], ["logcat", "--last", "*:E"], ["logcat", "-s", "zq_mrdump_collect"],
@@ -151,76 +137,60 @@ def step(root, verb, args, interrupt=None, reads=False, path=None):
     exit status."""
     before, earlier = snapshot(root), copies(root)
     status, out, err = devsim(verb, path or root, *args, interrupt=interrupt)
-    cuts = [args[i + 1] for i, word in enumerate(args) if word == "--power-cut"]
-    reads = reads or cuts[-1:] == ["0"]  # it lists a boot's changes, then undoes the boot
     STEPS[status if status in (0, 1, 2, 129, 130, 143, -9) else "daemon's own"] += 1
-    if os.environ.get("ZQ_INVARIANTS_VERBOSE"):
-        print(f"{verb} {args} interrupt={interrupt}: {status}", flush=True)
+    after, left = snapshot(root), copies(root)
+    where = f"{verb} {' '.join(args)} (ended at {interrupt}): status {status}\n{err}"
     try:
-        check(root, verb, args, (before, earlier), (status, out, err), interrupt, reads)
+        assert "Traceback" not in err, where
+        assert verb != "boot" or not out, f"{where}printed: {out[:200]!r}"  # init's /dev/null
+        if status == -9:  # if killed once swapped, the old phone beside it
+            assert not changed(before, after) or [c for c in left if not changed(
+                before, snapshot(c))], f"{where}changed, with no whole old phone beside it"
+        elif verb in MAY_CHANGE and status in (0, 99, 125, 134, 137):
+            assert not left, f"{where}left {left}"
+        else:
+            assert set(left) <= set(earlier), f"{where}left {set(left) - set(earlier)}"
+        if status in (1, 2, 129, 130, 143):  # said in one line, the last
+            assert err.count("zq-devsim: error:") == 1, where
+            assert err.rstrip("\n").splitlines()[-1].startswith("zq-devsim: error:"), where
+        cuts = [args[i + 1] for i, word in enumerate(args) if word == "--power-cut"]
+        if status in (1, 2, 129, 130, 143) or reads or cuts[-1:] == ["0"]:  # 0: lists, undoes
+            assert not changed(before, after), f"{where}changed: {changed(before, after)}"
+        elif MAY_CHANGE[verb]:
+            trees, folders = MAY_CHANGE[verb]
+            stray = [p for p in changed(before, after) if p not in folders and
+                     not any(p == t or p.startswith(t + "/") for t in trees)]
+            assert not stray, f"{where}changed what it should not: {stray}"
+        for folder, _, files in os.walk(os.path.join(root, "mnt/vendor/zq_log")):
+            for name in (n for n in files if n.endswith(".tar.gz")):
+                try:
+                    with tarfile.open(os.path.join(folder, name), "r:gz") as archive:
+                        archive.getmembers()
+                except (tarfile.TarError, EOFError, OSError) as e:
+                    raise AssertionError(f"{where}not a whole archive: {name}: {e}") from e
     except AssertionError as e:  # said now: Hypothesis may replay it into another error
         print(f"devsim_invariants: {e}", file=sys.stderr, flush=True)
         raise
     return status
 
 
-def check(root, verb, args, was, result, interrupt, reads):
-    (before, earlier), (status, out, err) = was, result
-    after = snapshot(root)
-    where = f"{verb} {' '.join(args)} (ended at {interrupt}): status {status}\n{err}"
-    assert "Traceback" not in err, where
-    assert verb != "boot" or not out, f"{where}printed: {out[:200]!r}"  # init's /dev/null
-    left = copies(root)
-    if status == -9 and changed(before, after):  # killed once swapped: the old phone beside
-        assert [c for c in left if not changed(before, snapshot(c))], \
-            f"{where}changed, with no whole old phone beside it: {changed(before, after)}"
-    elif status == -9:
-        reads = True
-    elif verb in MAY_CHANGE and status in (0, 99, 125, 134, 137):
-        assert not left, f"{where}left {left}"
-    else:
-        assert set(left) <= set(earlier), f"{where}left {set(left) - set(earlier)}"
-    if status in (1, 2, 129, 130, 143):  # said in one line, the last, and nothing changed
-        assert err.count("zq-devsim: error:") == 1, where
-        assert err.rstrip("\n").splitlines()[-1].startswith("zq-devsim: error:"), where
-    if status in (1, 2, 129, 130, 143) or reads:
-        assert not changed(before, after), f"{where}changed: {changed(before, after)}"
-    elif MAY_CHANGE[verb]:
-        trees, folders = MAY_CHANGE[verb]
-        stray = [p for p in changed(before, after) if p not in folders and
-                 not any(p == t or p.startswith(t + "/") for t in trees)]
-        assert not stray, f"{where}changed what it should not: {stray}"
-    for folder, _, files in os.walk(os.path.join(root, "mnt/vendor/zq_log")):
-        for name in files:
-            if name.endswith(".tar.gz"):
-                try:
-                    with tarfile.open(os.path.join(folder, name), "r:gz") as archive:
-                        archive.getmembers()
-                except (tarfile.TarError, EOFError, OSError) as e:
-                    raise AssertionError(f"{where}not a whole archive: {name}: {e}") from e
-
-
 class Phone(RuleBasedStateMachine):
     @initialize()
     def copy_of_a_phone_with_history(self):
-        self.root = os.path.join(WORK, f"phone.{os.getpid()}")
-        shutil.rmtree(self.root, ignore_errors=True)
-        subprocess.run(["cp", "-a", TEMPLATE, self.root], check=True)
+        self.root = fresh_phone(f"phone.{os.getpid()}")
         self.outside = tempfile.mkdtemp(dir=WORK)
 
-    def step(self, verb, args, interrupt=None, reads=False, path=None):
-        return step(self.root, verb, args, interrupt, reads, path)
-
-    @rule(dumping=st.sampled_from(["0", "10", "x"]), size=SIZES, cbt=st.booleans(),
+    @rule(dumping=st.sampled_from(["0", "10", "x"]),
+          size=st.sampled_from(["0", "16", "64", "x", "-1", "999999999"]), cbt=st.booleans(),
           interrupt=INTERRUPT)
     def panic(self, dumping, size, cbt, interrupt):
-        self.step("panic", ["--dumping", dumping, "--db-size", size, "--kmsg-size", "16"] +
-                  (["--cbt"] if cbt else []), interrupt)
+        step(self.root, "panic", ["--dumping", dumping, "--db-size", size, "--kmsg-size", "16"] +
+             (["--cbt"] if cbt else []), interrupt)
 
     @rule(options=BOOT_OPTIONS, interrupt=INTERRUPT)
     def boot(self, options, interrupt):
         args = [word for option in options for word in option]
-        self.step("boot", args + ["--faketime", "@2024-05-01 03:04:05 x100"], interrupt)
+        step(self.root, "boot", args + ["--faketime", "@2024-05-01 03:04:05 x100"], interrupt)
 
     @rule(where=st.sampled_from(["FILE", "/proc/zq-phone", "PHONE", "PHONE --force"]),
           interrupt=INTERRUPT)
@@ -228,7 +198,7 @@ class Phone(RuleBasedStateMachine):
         paths = {"FILE": os.path.join(self.outside, "file"), "PHONE": self.root}
         path, *force = where.split()
         open(paths["FILE"], "w").close()
-        self.step("init", force, interrupt, path=paths.get(path, path))
+        step(self.root, "init", force, interrupt, path=paths.get(path, path))
 
     @rule()
     def plant_a_link_out_of_the_phone(self):
@@ -236,25 +206,18 @@ class Phone(RuleBasedStateMachine):
         if not os.path.lexists(link):
             os.symlink(self.outside, link)
 
-    @rule()
-    def read_every_file_of_the_phone(self):
-        before = snapshot(self.root)
-        for folder, _, files in os.walk(self.root):
-            for name in files:
-                with open(os.path.join(folder, name), "rb") as f:
-                    f.read()
-        assert not changed(before, snapshot(self.root)), "reading the phone's files changed it"
-
-    @rule(name=PROPS, value=VALUES, interrupt=INTERRUPT)
+    @rule(name=st.sampled_from(["vendor.debug.mtk.aeev.ramdump", "vendor.minidump.cp.status",
+                                "persist.zq.test", "vendor..bad", "a" * 300, ""]),
+          value=st.sampled_from(["", "done", "dumping", "1", "x" * 92]), interrupt=INTERRUPT)
     def setprop(self, name, value, interrupt):
-        self.step("setprop", [name, value], interrupt)
+        step(self.root, "setprop", [name, value], interrupt)
 
     @rule(words=READS)
     def read(self, words):
         fresh = os.path.join(self.outside, f"copy.{len(os.listdir(self.outside))}")
         args = [fresh if w == "OUT" else os.path.join(self.root, "data/x") if w == "IN" else w
                 for w in words[1:]]
-        self.step(words[0], args, reads=True)
+        step(self.root, words[0], args, reads=True)
 
     def teardown(self):
         shutil.rmtree(self.root, ignore_errors=True)
@@ -275,8 +238,9 @@ def fresh_phone(name):
 
 def every_point():
     """Kills each verb that changes a phone at each of its change points in turn, the copy's among
-    them, until one ends before the point; the next verb must find a whole phone. Ends a boot at
-    one point with SIGTERM and with SIGHUP. Then, as root, refuses each on a full file system."""
+    them, until one ends before the point; the next verb must find a whole phone. Kills a boot at
+    20 moments over its sandbox's start, and ends one with SIGTERM and with SIGHUP while the daemon
+    waits for a dump. Then, as root, refuses each on a full file system."""
     points = {}
     for verb, args in CHANGES:
         for point in itertools.count(1):
@@ -287,15 +251,12 @@ def every_point():
             if status != -9:
                 points[verb] = point - 1
                 break
-    for name in ("TERM", "HUP"):  # while the daemon waits for a dump that goes on for minutes
-        root = fresh_phone("ended")
-        assert devsim("panic", root, "--kmsg-size", "16", "--db-size", "16",
-                      "--dumping", "300")[0] == 0
-        assert step(root, "boot", [], ("sandbox", name)) == 128 + signal.Signals["SIG" + name]
-    root = fresh_phone("started")  # killed at 20 moments over the sandbox's start
+    root = fresh_phone("started")
     assert devsim("panic", root, "--kmsg-size", "16", "--db-size", "16", "--dumping", "300")[0] == 0
     for moment in range(20):
         assert devsim("boot", root, interrupt=("sandbox", "STOP"), kill_after=moment / 200)[0] == -9
+    for name in ("TERM", "HUP"):
+        assert step(root, "boot", [], ("sandbox", name)) == 128 + signal.Signals["SIG" + name]
     watch_a_boot(fresh_phone("watched"))
     root = fresh_phone("clock")  # two boots on the workstation's clock, within a second
     for _ in range(2):
@@ -320,9 +281,8 @@ def every_point():
         finally:
             subprocess.run(["umount", full], check=True)
     print("devsim_invariants: killed at every change point: " +
-          ", ".join(f"{verb} {n}" for verb, n in points.items()) +
-          "; killed over the sandbox's start; ended by SIGTERM and SIGHUP; refused on a full file "
-          "system: every promise kept")
+          ", ".join(f"{verb} {n}" for verb, n in points.items()) + "; killed over the sandbox's "
+          "start; ended by SIGTERM and SIGHUP; refused on a full file system: every promise kept")
 
 
 def watch_a_boot(root):
@@ -355,9 +315,8 @@ def run():
     # A phone with history: three panics, each booted, made once and copied for every example.
     os.mkdir(NO_MKSH)
     for folder in ("/usr/bin", "/usr/sbin"):
-        for name in os.listdir(folder):
-            if name != "mksh" and not os.path.lexists(os.path.join(NO_MKSH, name)):
-                os.symlink(os.path.join(folder, name), os.path.join(NO_MKSH, name))
+        for name in set(os.listdir(folder)) - {"mksh"} - set(os.listdir(NO_MKSH)):
+            os.symlink(os.path.join(folder, name), os.path.join(NO_MKSH, name))
     with open(os.path.join(os.path.dirname(DEVSIM), "../zq_mrdump/zq_mrdump_collect.rc")) as f:
         kit = f.read()
     with open(BAD_RC, "w") as f:
