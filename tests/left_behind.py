@@ -1,6 +1,5 @@
-"""After the suite: no process that its tests started is running 3 s on (zombies, whose environment
-is empty, are not), and nothing is left in the temporary folder they were given, whatever their
-outcome; names what it finds, ends it and removes it.
+"""After the suite, whatever its outcome: names and ends every process of its tests still running
+3 s on, and names and removes what they left in their temporary folder, failing if there was any.
 Usage: left_behind.py FOLDER (the TMPDIR of every test)"""
 
 import os
@@ -11,8 +10,8 @@ import time
 
 
 def lingering(mark, seconds=3):
-    """The processes, by PID and name, whose environment holds |mark| and that still run after
-    |seconds|; killed."""
+    """The processes, by PID and name, whose environment holds |mark| (a zombie's is empty) and that
+    still run after |seconds|; killed."""
     deadline = time.monotonic() + seconds
     while True:
         found = {}
@@ -31,18 +30,13 @@ def lingering(mark, seconds=3):
     return found
 
 
-def main():
-    folder = sys.argv[1]
-    found = lingering(f"TMPDIR={folder}".encode())
-    left = sorted(os.listdir(folder)) if os.path.isdir(folder) else []
-    shutil.rmtree(folder, ignore_errors=True)
-    for pid, name in found.items():
-        print(f"left_behind: process {pid} ({name}) still running")
-    for name in left:
-        print(f"left_behind: {os.path.join(folder, name)} left in the temporary folder")
-    print(f"left_behind: {len(found)} processes and {len(left)} entries left by the tests")
-    sys.exit(1 if found or left else 0)
-
-
 if __name__ == "__main__":
-    main()
+    folder = sys.argv[1]
+    running = lingering(f"TMPDIR={folder}".encode())
+    files = sorted(os.listdir(folder)) if os.path.isdir(folder) else []
+    left = [f"process {pid} ({name})" for pid, name in running.items()] + [
+        os.path.join(folder, name) for name in files]
+    shutil.rmtree(folder, ignore_errors=True)
+    print("".join(f"left_behind: {what}\n" for what in left) +
+          f"left_behind: {len(left)} processes and files left by the tests")
+    sys.exit(1 if left else 0)
