@@ -69,15 +69,15 @@ bench: build
 format:
 	@scripts/install-deps --lint
 	@clang-format -i zq_mrdump/*.cpp zq_mrdump/*.h host/*.cpp host/*.h host/include/sys/*.h \
-	  tests/*.cpp tests/*.h fuzz/*.cpp fuzz/*.h devsim/*.cpp bench/*.cpp
+	  tests/*.cpp tests/*.h fuzz/*.cpp fuzz/*.h devsim/*.cpp bench/*.cpp triage/*.cpp triage/*.h
 
 # The counts of warnings clang-tidy suppressed in system headers are left out. bpfmt is the
 # formatter of AOSP's upload checks.
 tidy: build
 	@scripts/install-deps --lint
-	@bash -o pipefail -c 'clang-tidy -p $(BUILD) --quiet zq_mrdump/*.cpp host/*.cpp 2>&1 | \
-	  { grep -v "warnings generated" || true; }'
-	@echo "tidy: zq_mrdump/ and host/ are clean"
+	@bash -o pipefail -c 'clang-tidy -p $(BUILD) --quiet zq_mrdump/*.cpp host/*.cpp triage/*.cpp \
+	  2>&1 | { grep -v "warnings generated" || true; }'
+	@echo "tidy: zq_mrdump/, host/ and triage/ are clean"
 	@bpfmt -d $(BP_FILES) | { ! grep .; } || { echo "tidy: run bpfmt -w $(BP_FILES)"; exit 1; }
 	@echo "tidy: $(BP_FILES) are bpfmt-clean"
 

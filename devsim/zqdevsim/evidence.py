@@ -24,8 +24,12 @@ KMSG_LINES = [
 ]
 
 
-def write_kmsg(path, kib, seed):
-    """A last kernel log of |kib| KiB that ends in the panic it records."""
+def write_kmsg(path, kib, seed, given=None):
+    """A last kernel log of |kib| KiB that ends in the panic it records, or the bytes |given|."""
+    if given is not None:
+        with open(path, "wb") as f:
+            f.write(given)
+        return
     rng = random.Random(seed)
     lines, size, t = [], 0, 0.0
     while size < kib * 1024 - 400:
@@ -42,7 +46,7 @@ def write_kmsg(path, kib, seed):
         f.write("\n".join(lines) + "\n")
 
 
-def write_db(db, kib, reason, seed, when):
+def write_db(db, kib, reason, seed, when, given=None):
     """An exception database folder: the record of the exception at |when| (a struct_time) and
     the platform's dumps of it."""
     os.makedirs(db)
@@ -52,7 +56,7 @@ def write_db(db, kib, reason, seed, when):
                 "Build Info: sim_phone-userdebug 14 UP1A.231005.007 eng.devsim\n"
                 f"{reason},lr : el1_abort+0x38/0x58,pid: 0,cpu: 4\n"
                 f"Exception Log Time: {time.strftime('%a %b %e %H:%M:%S %Z %Y', when)}\n")
-    write_kmsg(os.path.join(db, "SYS_KERNEL_LOG"), max(kib // 2, 1), seed)
+    write_kmsg(os.path.join(db, "SYS_KERNEL_LOG"), max(kib // 2, 1), seed, given)
     with open(os.path.join(db, "SYS_MINI_RDUMP"), "wb") as f:
         f.write(os.urandom(kib * 1024 // 2))  # incompressible, as a memory dump is
     with open(os.path.join(db, "__exp_main.txt"), "w") as f:
@@ -68,9 +72,10 @@ def own(paths):
         os.chmod(path, AEE_DIR_MODE if os.path.isdir(path) else AEE_FILE_MODE)
 
 
-def leave(root, reason, kmsg_kib, db_kib, no_kmsg, when):
-    """Leaves a new exception database of a panic at |when| and the last kernel log in the phone's
-    /data/vendor/aee_exp; the database's name and the log's size (None when left out)."""
+def leave(root, reason, kmsg_kib, db_kib, no_kmsg, when, given=None):
+    """Leaves a new exception database of a panic at |when| and the last kernel log (the bytes
+    |given|, when not None) in the phone's /data/vendor/aee_exp; the database's name and the log's
+    size (None when left out)."""
     aee = os.path.join(root, AEE_DIR)
     os.makedirs(aee, exist_ok=True)
     n = 0
@@ -78,13 +83,13 @@ def leave(root, reason, kmsg_kib, db_kib, no_kmsg, when):
         n += 1
     db = f"db.{n:02d}"
     seed = random.randrange(1 << 30)
-    write_db(os.path.join(aee, db), db_kib, reason, seed, when)
+    write_db(os.path.join(aee, db), db_kib, reason, seed, when, given)
     kmsg = os.path.join(aee, "last_kmsg.txt")
     if no_kmsg:
         if os.path.exists(kmsg):
             os.unlink(kmsg)
     else:
-        write_kmsg(kmsg, kmsg_kib, seed)
+        write_kmsg(kmsg, kmsg_kib, seed, given)
     made = [aee, os.path.join(aee, db)] + [os.path.join(aee, db, f)
                                            for f in os.listdir(os.path.join(aee, db))]
     own(made + ([] if no_kmsg else [kmsg]))

@@ -1,0 +1,96 @@
+// zq-triage: reads the panics the daemon filed and tells what crashed, changing nothing.
+#include <algorithm>
+#include <atomic>
+#include <exception>
+#include <iostream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "parser.h"
+#include "reader.h"
+#include "writer.h"
+
+namespace {
+
+constexpr const char* kUsage =
+    "usage: zq-triage [--json] [--stdin] PATH...\n"
+    "Reads the panics under each PATH (ZQpanic_<N>_<time>.tar.gz archives, their folders, pulled\n"
+    "log partitions, any folder holding them) and prints one line per kind of crash, the most\n"
+    "frequent first, then the panics that could not be read.\n"
+    "  --json   one JSON object per panic per line instead\n"
+    "  --stdin  read more paths from standard input, one a line\n"
+    "Exit status: 0 every panic was read, 1 some could not be, 2 usage error.\n";
+
+int Usage(const std::string& why) {
+  std::cerr << "zq-triage: " << why << "\n" << kUsage;
+  return 2;
+}
+
+void Triage(triage::Panic& panic) {
+  try {
+    triage::ReadPanic(panic);
+    triage::Parse(panic);
+  } catch (const std::exception& e) {
+    panic.error = std::string("cannot be read: ") + e.what();
+  }
+  // What was read is not kept past its parse, so that memory does not grow with the input.
+  std::string().swap(panic.kmsg);
+  std::string().swap(panic.record);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  bool json = false;
+  bool from_stdin = false;
+  std::vector<std::string> paths;
+  bool options = true;
+  for (int i = 1; i < argc; ++i) {
+    std::string arg = argv[i];  // NOLINT(cppcoreguidelines-pro-bounds-pointer-arithmetic)
+    if (options && arg == "--") {
+      options = false;
+    } else if (options && arg == "--json") {
+      json = true;
+    } else if (options && arg == "--stdin") {
+      from_stdin = true;
+    } else if (options && (arg == "-h" || arg == "--help")) {
+      std::cout << kUsage;
+      return 0;
+    } else if (options && arg.size() > 1 && arg[0] == '-') {
+      return Usage("unknown option " + arg);
+    } else {
+      paths.push_back(arg);
+    }
+  }
+  if (from_stdin) {
+    for (std::string line; std::getline(std::cin, line);) {
+      if (!line.empty()) paths.push_back(line);
+    }
+  }
+  if (paths.empty()) return Usage(from_stdin ? "no path on standard input" : "no PATH given");
+
+  std::vector<triage::Panic> panics = triage::FindPanics(paths);
+  std::atomic<size_t> next{0};
+  std::vector<std::thread> workers;
+  size_t cores = std::max(1U, std::thread::hardware_concurrency());
+  for (size_t w = 0; w < std::min(cores, panics.size()); ++w) {
+    workers.emplace_back([&panics, &next] {
+      for (size_t i = next++; i < panics.size(); i = next++) {
+        if (panics[i].error.empty()) Triage(panics[i]);
+      }
+    });
+  }
+  for (auto& worker : workers) worker.join();
+
+  size_t unread = std::count_if(panics.begin(), panics.end(),
+                                [](const triage::Panic& p) { return !p.error.empty(); });
+  if (json) {
+    triage::WriteJson(panics, std::cout);
+    std::cerr << "zq-triage: " << panics.size() - unread << " panics read, " << unread
+              << " could not be read\n";
+  } else {
+    triage::WriteTable(panics, std::cout);
+  }
+  return unread == 0 ? 0 : 1;
+}

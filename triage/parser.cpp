@@ -1,0 +1,390 @@
+#include "parser.h"
+
+#include <openssl/evp.h>
+#include <re2/re2.h>
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <set>
+
+namespace triage {
+namespace {
+
+// A kind of crash report: the line that opens it; its title, a rewrite of that line where " in @"
+// names the first guilty frame (dropped when there is none); the report's line that names the
+// guilty function before pc, lr, RIP and the call trace do; and whether it only continues a report
+// already open (the Oops line after a fault, the panic after a report).
+struct Format {
+  const char* opens;
+  const char* title;
+  const char* names = nullptr;
+  bool joins = false;
+};
+
+const Format kFormats[] = {
+    {R"(^Unable to handle kernel (.*?) at virtual address)", R"(Unable to handle kernel \1 in @)"},
+    {R"(^Internal error: ([^:\[]*?) ?[:\[])", R"(Internal error: \1 in @)", nullptr, true},
+    {"^BUG: kernel NULL pointer dereference", "BUG: kernel NULL pointer dereference in @"},
+    {R"(^BUG: unable to handle (page fault|kernel paging request|kernel NULL pointer dereference))",
+     R"(BUG: unable to handle \1 in @)"},
+    {"^general protection fault", "general protection fault in @"},
+    {R"(^kernel BUG at \S+:\d+!)", "kernel BUG in @"},
+    {R"(^WARNING:(?: CPU: \d+ PID: \d+ at)? \S+:\d+ )", "WARNING in @",
+     R"(^WARNING:(?: CPU: \d+ PID: \d+ at)? \S+:\d+ (?:at )?([\w.$]+))"},
+    {R"(^BUG: KASAN: ([\w-]+))", R"(BUG: KASAN: \1 in @)", R"(^BUG: KASAN: [\w-]+ in ([\w.$]+))"},
+    {R"(^BUG: KFENCE: ([\w-]+(?: read| write)?))", R"(BUG: KFENCE: \1 in @)",
+     R"(^BUG: KFENCE: [\w-]+(?: read| write)? in ([\w.$]+))"},
+    {R"(^UBSAN: (.+?) in \S+:\d+)", R"(UBSAN: \1 in @)"},
+    {"^(?:watchdog: )?BUG: soft lockup", "watchdog: BUG: soft lockup in @"},
+    {"^(?:watchdog: )?Watchdog detected hard LOCKUP", "watchdog: hard lockup in @"},
+    {R"(^INFO: task .* blocked for more than \d+ seconds)", "INFO: task hung in @"},
+    {R"(^(?:rcu: )?INFO: \w+ (?:self-)?detected stall)", "rcu detected stall in @"},
+    {"^WARNING: possible (?:circular locking dependency|recursive locking) detected",
+     "possible deadlock in @", R"(, at: ([\w.$]+))"},
+    {"^WARNING: inconsistent lock state", "inconsistent lock state in @"},
+    {"^BUG: sleeping function called from invalid context",
+     "BUG: sleeping function called from invalid context in @"},
+    {"^Kernel panic - not syncing: (.*)", R"(Kernel panic - not syncing: \1)", nullptr, true},
+};
+
+// Frames that are the kernel reporting, locking, copying or taking an exception, never the culprit.
+const char* const kSkipFrames[] = {
+    R"(panic|die|__die|__die_body|die_kernel_fault|oops_\w+|__warn|warn_slowpath\w*|report_bug)",
+    R"(dump_stack\w*|show_stack|dump_backtrace|show_regs|__show_regs|print_\w+|_?printk|vprintk\w*)",
+    R"(\w*_backtrace|rcu_dump_cpu_stacks|check_cpu_stall|watchdog\w*|check_hung_\w+|hung_task\w*)",
+    R"(refcount_warn_saturate|__list_\w+_valid\w*)",
+    R"(_*kasan_\w+|__asan_\w+|_*kfence_\w+|_*ubsan_\w+|check_memory_region\w*)",
+    R"(do_mem_abort|do_translation_fault|do_page_fault|do_bad_area|__do_kernel_fault|el[01]\w*)",
+    R"(do_el0_\w+|\w*brk_handler|call_break_hook|do_debug_exception|handle_bug|exc_\w+|asm_exc_\w+)",
+    R"(page_fault_oops|kernelmode_fixup_or_oops|no_context|_*bad_area\w*|do_error_trap|do_trap)",
+    R"(gic_handle_irq|\w+_irq_handler|_*sysvec_\w+|asm_sysvec_\w+|_*irq_exit\w*|handle_\w+_irq)",
+    R"(update_process_times|tick_\w+|_*hrtimer_\w+|_*handle_irq_event\w*|generic_handle_\w+)",
+    R"(_raw_(?:spin|read|write)_\w+|do_raw_spin_\w+|queued_\w+_lock\w*|_*mutex_\w+)",
+    R"(_*down_\w+|down|rwsem_\w+|lock_acquire|lock_release|__lock_acquire|lockdep_\w+)",
+    R"(_*schedule|schedule_\w+|io_schedule\w*|__switch_to|context_switch|_*wait_for_\w+)",
+    R"(_*mem(?:cpy|move|set|cmp|chr|scan)\w*|_*str(?:n?cpy|n?cmp|n?cat|n?len|chr|rchr|str)\w*)",
+    R"(_*copy_\w*user\w*|__arch_copy_\w+|raw_copy_\w+)",
+};
+
+std::string Alternation() {
+  std::string any;
+  for (const char* group : kSkipFrames) any += (any.empty() ? "" : "|") + std::string(group);
+  return "^(?:" + any + ")$";
+}
+
+const RE2 kSkip(Alternation());
+const RE2 kPrefix(
+    R"(\s*(?:<\d+>|\[\s*\d+\.\d+\]|\[T\d+\]|\[C(\d+)\]|\((\d+)\)|\[\s*\d+:[^\]]*\]))");
+const RE2 kAddress(R"(\b(?:0x[0-9a-fA-F]+|[0-9a-f]{8,})\b)");
+const RE2 kRegister(R"(^(?:pc|lr) : ([\w.$]+)\+X/X|^RIP: \w+:([\w.$]+)\+X/X)");
+const RE2 kTraceStart(R"(^Call [Tt]race:)");
+const RE2 kTraceFrame(R"(^(?:\[<X>\] )?(\? )?([\w.$]+)\+X/X)");
+const RE2 kTraceMark(R"(^</?[A-Z]+>$)");
+const RE2 kReportEnd(R"(^---\[ end )");
+const RE2 kAccess(R"(^(Read|Write) of size|^#PF: \w+ (read|write|instruction fetch)|WnR = ([01]))");
+const RE2 kCpuPid(R"(CPU: (\d+) (?:UID: \d+ )?PID: (\d+))");
+const RE2 kComm(R"(Comm: (\S+))");
+const RE2 kTaint(R"((?:Not tainted|Tainted: ([A-Z ]*?))\s+(\d+\.\d+\S*) #)");
+const RE2 kRelease(R"(^(\d+\.\d+\S*) #\S+ (?:Not tainted|Tainted:))");
+const RE2 kTitleNoise(R"(\+X/X|\bX\b|\b\d+\b)");
+const RE2 kSpaces(R"(\s+)");
+const RE2 kRecordFrame(R"((?:pc|lr) : ([\w.$]+)\+X/X)");
+const RE2 kRecordPidCpu(R"(pid: (\d+),\s*cpu: (\d+))");
+
+constexpr size_t kReportLines = 80;
+constexpr size_t kFrames = 5;
+constexpr size_t kSignatureFrames = 3;
+constexpr size_t kAlso = 20;
+const std::string kReplacement = "\xEF\xBF\xBD";
+
+// Appends |line| to |out|, NULs and invalid UTF-8 replaced; true when it is a line of text: 16
+// bytes or more, none replaced, no control byte.
+bool AppendText(std::string_view line, std::string& out) {
+  bool text = line.size() >= 16;
+  for (size_t i = 0; i < line.size();) {
+    auto c = static_cast<unsigned char>(line[i]);
+    size_t len = c < 0x80           ? 1
+                 : (c >> 5) == 0x6  ? 2
+                 : (c >> 4) == 0xE  ? 3
+                 : (c >> 3) == 0x1E ? 4
+                                    : 0;
+    bool valid = len != 0 && i + len <= line.size() && c != 0 && c != 0xC0 && c != 0xC1;
+    for (size_t k = 1; valid && k < len; ++k) {
+      valid = (static_cast<unsigned char>(line[i + k]) & 0xC0) == 0x80;
+    }
+    if (!valid) {
+      out += kReplacement;
+      text = false;
+      ++i;
+      continue;
+    }
+    if (c < 0x20 && c != '\t') text = false;
+    out.append(line.substr(i, len));
+    i += len;
+  }
+  return text;
+}
+
+std::string Trim(std::string s) {
+  RE2::GlobalReplace(&s, kSpaces, " ");
+  size_t start = s.find_first_not_of(' ');
+  size_t end = s.find_last_not_of(' ');
+  return start == std::string::npos ? "" : s.substr(start, end - start + 1);
+}
+
+std::string TitleText(std::string s) {
+  RE2::GlobalReplace(&s, kTitleNoise, "");
+  return Trim(s);
+}
+
+// A crash report: its kind and its lines, the one that opens it first.
+struct Report {
+  const Format* format = nullptr;
+  std::vector<Line> lines;
+};
+
+struct Finding {
+  std::string title, access;
+  std::vector<std::string> frames;
+};
+
+// A format's opening line (|names| false) or naming line, compiled once.
+const RE2& Compiled(const Format& format, bool names = false) {
+  static const std::vector<std::unique_ptr<RE2>> compiled = [] {
+    std::vector<std::unique_ptr<RE2>> all;
+    for (const auto& f : kFormats) {
+      all.push_back(std::make_unique<RE2>(f.opens));
+      all.push_back(std::make_unique<RE2>(f.names != nullptr ? f.names : "$^"));
+    }
+    return all;
+  }();
+  return *compiled[2 * (&format - kFormats) + (names ? 1 : 0)];
+}
+
+const Format* Opens(const std::string& clean) {
+  if (clean.empty()) return nullptr;
+  for (const auto& format : kFormats) {
+    if (RE2::PartialMatch(clean, Compiled(format))) return &format;
+  }
+  return nullptr;
+}
+
+void AddFrame(const std::string& frame, std::vector<std::string>& frames) {
+  if (frame.empty() || frames.size() >= kFrames || RE2::FullMatch(frame, kSkip)) return;
+  if (std::find(frames.begin(), frames.end(), frame) == frames.end()) frames.push_back(frame);
+}
+
+Finding Describe(const Report& report) {
+  Finding found;
+  const Format& format = *report.format;
+  std::vector<std::string> named;
+  std::vector<std::string> registers;
+  std::vector<std::string> trace;
+  bool in_trace = false;
+  for (const auto& line : report.lines) {
+    const std::string& clean = line.clean;
+    std::string a;
+    std::string b;
+    std::string c;
+    if (named.empty() && RE2::PartialMatch(clean, Compiled(format, true), &a)) {
+      named.push_back(a);
+    }
+    if (RE2::PartialMatch(clean, kRegister, &a, &b)) registers.push_back(a + b);
+    if (found.access.empty() && RE2::PartialMatch(clean, kAccess, &a, &b, &c)) {
+      found.access = a + b + (c.empty() ? "" : c == "1" ? "write" : "read");
+    }
+    if (RE2::PartialMatch(clean, kTraceStart)) {
+      in_trace = trace.empty();
+    } else if (in_trace && RE2::PartialMatch(clean, kTraceFrame, &a, &b)) {
+      if (a.empty()) trace.push_back(b);
+    } else if (in_trace && !trace.empty() && !RE2::PartialMatch(clean, kTraceMark)) {
+      in_trace = false;
+    }
+  }
+  for (const auto* source : {&named, &registers, &trace}) {
+    for (const auto& frame : *source) AddFrame(frame, found.frames);
+  }
+  std::string title;
+  RE2::Extract(report.lines.front().clean, Compiled(format), format.title, &title);
+  size_t at = title.find(" in @");
+  if (at != std::string::npos) {
+    title.replace(at, std::string::npos, found.frames.empty() ? "" : " in " + found.frames[0]);
+  }
+  found.title = TitleText(title);
+  std::transform(found.access.begin(), found.access.end(), found.access.begin(),
+                 [](unsigned char ch) { return std::tolower(ch); });
+  return found;
+}
+
+std::string Digest(const std::string& key) {
+  std::array<unsigned char, EVP_MAX_MD_SIZE> md{};
+  unsigned int size = 0;
+  EVP_Digest(key.data(), key.size(), md.data(), &size, EVP_sha256(), nullptr);
+  std::string hex;
+  for (unsigned int i = 0; i < 8 && i < size; ++i) {
+    std::array<char, 3> byte{};
+    (void)std::snprintf(byte.data(), byte.size(), "%02x", md[i]);
+    hex += byte.data();
+  }
+  return hex;
+}
+
+void ReadFields(const Report& report, Panic& panic) {
+  std::set<int> cpus;
+  for (const auto& line : report.lines) {
+    const std::string& text = line.text;
+    long cpu = 0;
+    long pid = 0;
+    std::string taint;
+    std::string release;
+    if (!panic.pid && RE2::PartialMatch(text, kCpuPid, &cpu, &pid)) {
+      panic.cpu = cpu;
+      panic.pid = pid;
+    }
+    if (panic.comm.empty()) RE2::PartialMatch(text, kComm, &panic.comm);
+    if (panic.kernel.empty() && RE2::PartialMatch(text, kTaint, &taint, &release)) {
+      panic.tainted = Trim(taint);
+      panic.kernel = release;
+    }
+    if (panic.kernel.empty()) RE2::PartialMatch(text, kRelease, &panic.kernel);
+    if (line.cpu >= 0) cpus.insert(line.cpu);
+    panic.excerpt.push_back(text);
+  }
+  while (!panic.excerpt.empty() && panic.excerpt.back().empty()) panic.excerpt.pop_back();
+  panic.corrupted = cpus.size() > 1;
+  if (!panic.cpu && report.lines.front().cpu >= 0) panic.cpu = report.lines.front().cpu;
+}
+
+// Calls |each| with every line of |log|, normalised; whether any was text.
+template <typename Each>
+bool ForEachLine(std::string_view log, Each each) {
+  bool any_text = false;
+  for (size_t start = 0; start < log.size();) {
+    size_t end = std::min(log.find('\n', start), log.size());
+    bool text = false;
+    each(Normalise(log.substr(start, end - start), &text));
+    any_text |= text;
+    start = end + 1;
+  }
+  return any_text;
+}
+
+// The first report whole, and the titles of those after it.
+struct Reports {
+  Report first;
+  std::vector<std::string> also;
+};
+
+Reports FindReports(std::string_view log, bool& any_text) {
+  Reports found;
+  Report open;
+  auto close = [&found, &open] {
+    if (open.format == nullptr) return;
+    if (found.first.format == nullptr) {
+      found.first = std::move(open);
+    } else if (found.also.size() < kAlso) {
+      found.also.push_back(Describe(open).title);
+    }
+    open = Report{};
+  };
+  any_text = ForEachLine(log, [&](Line line) {
+    const Format* format = Opens(line.clean);
+    if (open.format != nullptr) {
+      if ((format == nullptr || format->joins) && open.lines.size() < kReportLines) {
+        bool ends = RE2::PartialMatch(line.clean, kReportEnd);
+        open.lines.push_back(std::move(line));
+        if (ends) close();
+        return;
+      }
+      close();
+    }
+    if (format != nullptr && (!format->joins || found.first.format == nullptr)) {
+      open = Report{format, {std::move(line)}};
+    }
+  });
+  close();
+  return found;
+}
+
+void ReadRecord(Panic& panic) {
+  ForEachLine(panic.record, [&panic](const Line& line) {
+    const std::string& text = line.text;
+    auto value = [&text](const char* key, std::string& into) {
+      if (text.rfind(key, 0) == 0) into = Trim(text.substr(std::char_traits<char>::length(key)));
+    };
+    value("Current Executing Process:", panic.process);
+    value("Build Info:", panic.build);
+    value("Exception Log Time:", panic.logged);
+    if (text.rfind("KE", 0) == 0) panic.restart_reason = text;
+  });
+}
+
+}  // namespace
+
+Line Normalise(std::string_view raw, bool* is_text) {
+  if (!raw.empty() && raw.back() == '\r') raw.remove_suffix(1);
+  Line line;
+  bool text = AppendText(raw, line.text);
+  if (is_text != nullptr) *is_text = text;
+  re2::StringPiece rest(line.text);
+  std::string cpu_a;
+  std::string cpu_b;
+  while (RE2::Consume(&rest, kPrefix, &cpu_a, &cpu_b)) {
+    if (!cpu_a.empty() || !cpu_b.empty()) {
+      line.cpu =
+          static_cast<int>(std::min(std::strtol((cpu_a + cpu_b).c_str(), nullptr, 10), 1L << 20));
+    }
+  }
+  line.text = Trim(std::string(rest));
+  line.clean = line.text;
+  RE2::GlobalReplace(&line.clean, kAddress, "X");
+  return line;
+}
+
+void Parse(Panic& panic) {
+  ReadRecord(panic);
+  if (!panic.error.empty()) return;
+  if (panic.kmsg.empty()) {
+    panic.error = panic.kmsg_member + " is empty";
+    return;
+  }
+  bool any_text = false;
+  Reports reports = FindReports(panic.kmsg, any_text);
+  if (!any_text) {
+    panic.error = panic.kmsg_member + " holds no line of text";
+    return;
+  }
+  Finding first;
+  if (reports.first.format == nullptr) {
+    panic.from_record = true;
+    std::string clean = Normalise(panic.restart_reason).clean;
+    first.title = TitleText(clean.substr(0, clean.find(',')));
+    re2::StringPiece rest(clean);
+    std::string frame;
+    while (RE2::FindAndConsume(&rest, kRecordFrame, &frame)) AddFrame(frame, first.frames);
+    if (first.title.empty()) first.title = "no crash report and no exception record";
+  } else {
+    first = Describe(reports.first);
+    panic.also = std::move(reports.also);
+    ReadFields(reports.first, panic);
+  }
+  panic.title = first.title;
+  std::string key = first.title + "\n" + first.access;
+  for (size_t i = 0; i < first.frames.size() && i < kSignatureFrames; ++i) {
+    key += "\n" + first.frames[i];
+  }
+  panic.signature = Digest(key);
+  panic.corrupted = panic.corrupted || (!panic.from_record && first.frames.empty());
+  panic.frames = std::move(first.frames);
+  long pid = 0;
+  long cpu = 0;
+  if (!panic.pid && RE2::PartialMatch(panic.restart_reason, kRecordPidCpu, &pid, &cpu)) {
+    panic.pid = pid;
+    panic.cpu = panic.cpu.value_or(cpu);
+  }
+}
+
+}  // namespace triage
