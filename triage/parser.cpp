@@ -14,49 +14,75 @@ namespace triage {
 namespace {
 
 // A kind of crash report: the line that opens it; its title, a rewrite of that line where " in @"
-// names the first guilty frame (dropped when there is none); the report's line that names the
-// guilty function before pc, lr, RIP and the call trace do; and whether it only continues a report
-// already open (the Oops line after a fault, the panic after a report).
+// names the first guilty frame (dropped when there is none); the trailer it always ends with, so
+// that one the log stops before was cut off (without one, the log must reach its call trace); the
+// report's line that names the guilty function before pc, lr, RIP and the call trace do; the frame
+// of its call trace that the guilty one is below (the interrupt a watchdog reports from); and
+// whether it only continues a report already open (the Oops line after a fault, the panic after a
+// report).
 struct Format {
   const char* opens;
   const char* title;
+  const char* ends = nullptr;
   const char* names = nullptr;
+  const char* below = nullptr;
   bool joins = false;
 };
 
+constexpr const char* kTrailer = R"(^---\[ end |^={40,}$)";  // oops_exit's, or a sanitizer's rule
+
+// The interrupt entry a timer's report is raised from: what it interrupted is the culprit.
+constexpr const char* kInterrupted = R"(el1_interrupt|el1_irq|asm_sysvec_\w+|asm_common_interrupt)";
+// Who takes the lock a lockdep report is about: its first held-lock line, 4.x's form or later.
+constexpr const char* kLockAt = R"(, at: (?:\[<X>\] )?([\w.$]+))";
+
 const Format kFormats[] = {
-    {R"(^Unable to handle kernel (.*?) at virtual address)", R"(Unable to handle kernel \1 in @)"},
-    {R"(^Internal error: ([^:\[]*?) ?[:\[])", R"(Internal error: \1 in @)", nullptr, true},
-    {"^BUG: kernel NULL pointer dereference", "BUG: kernel NULL pointer dereference in @"},
+    {R"(^Unable to handle kernel (.*?) at virtual address)", R"(Unable to handle kernel \1 in @)",
+     kTrailer},
+    {R"(^Internal error: ([^:\[]*?) ?[:\[])", R"(Internal error: \1 in @)", kTrailer, nullptr,
+     nullptr, true},
+    {"^BUG: kernel NULL pointer dereference", "BUG: kernel NULL pointer dereference in @",
+     kTrailer},
     {R"(^BUG: unable to handle (page fault|kernel paging request|kernel NULL pointer dereference))",
-     R"(BUG: unable to handle \1 in @)"},
-    {"^general protection fault", "general protection fault in @"},
-    {R"(^kernel BUG at \S+:\d+!)", "kernel BUG in @"},
-    {R"(^WARNING:(?: CPU: \d+ PID: \d+ at)? \S+:\d+ )", "WARNING in @",
+     R"(BUG: unable to handle \1 in @)", kTrailer},
+    {"^general protection fault", "general protection fault in @", kTrailer},
+    {R"(^kernel BUG at \S+:\d+!)", "kernel BUG in @", kTrailer},
+    {R"(^WARNING:(?: CPU: \d+ PID: \d+ at)? \S+:\d+ )", "WARNING in @", kTrailer,
      R"(^WARNING:(?: CPU: \d+ PID: \d+ at)? \S+:\d+ (?:at )?([\w.$]+))"},
-    {R"(^BUG: KASAN: ([\w-]+))", R"(BUG: KASAN: \1 in @)", R"(^BUG: KASAN: [\w-]+ in ([\w.$]+))"},
-    {R"(^BUG: KFENCE: ([\w-]+(?: read| write)?))", R"(BUG: KFENCE: \1 in @)",
+    {R"(^BUG: KASAN: ([\w-]+))", R"(BUG: KASAN: \1 in @)", kTrailer,
+     R"(^BUG: KASAN: [\w-]+ in ([\w.$]+))"},
+    {R"(^BUG: KFENCE: ([\w-]+(?: read| write)?))", R"(BUG: KFENCE: \1 in @)", kTrailer,
      R"(^BUG: KFENCE: [\w-]+(?: read| write)? in ([\w.$]+))"},
-    {R"(^UBSAN: (.+?) in \S+:\d+)", R"(UBSAN: \1 in @)"},
-    {"^(?:watchdog: )?BUG: soft lockup", "watchdog: BUG: soft lockup in @"},
-    {"^(?:watchdog: )?Watchdog detected hard LOCKUP", "watchdog: hard lockup in @"},
+    {R"(^UBSAN: (.+?) in \S+:\d+)", R"(UBSAN: \1 in @)", kTrailer},
+    {"^(?:watchdog: )?BUG: soft lockup", "watchdog: BUG: soft lockup in @", nullptr, nullptr,
+     kInterrupted},
+    {R"(^(?:[\w ]+: )*Watchdog detected hard LOCKUP)", "watchdog: hard lockup in @", nullptr,
+     nullptr, kInterrupted},
     {R"(^INFO: task .* blocked for more than \d+ seconds)", "INFO: task hung in @"},
-    {R"(^(?:rcu: )?INFO: \w+ (?:self-)?detected stall)", "rcu detected stall in @"},
+    {R"(^(?:rcu: )?INFO: \w+ (?:self-)?detected stall)", "rcu detected stall in @", nullptr,
+     nullptr, kInterrupted},
     {"^WARNING: possible (?:circular locking dependency|recursive locking) detected",
-     "possible deadlock in @", R"(, at: ([\w.$]+))"},
-    {"^WARNING: inconsistent lock state", "inconsistent lock state in @"},
+     "possible deadlock in @", nullptr, kLockAt},
+    {"^WARNING: inconsistent lock state", "inconsistent lock state in @", nullptr, kLockAt},
     {"^BUG: sleeping function called from invalid context",
      "BUG: sleeping function called from invalid context in @"},
-    {"^Kernel panic - not syncing: (.*)", R"(Kernel panic - not syncing: \1)", nullptr, true},
+    {"^Kernel panic - not syncing: (.*)", R"(Kernel panic - not syncing: \1)", nullptr, nullptr,
+     nullptr, true},
 };
 
-// Frames that are the kernel reporting, locking, copying or taking an exception, never the culprit.
+// Frames that are the kernel reporting, checking, allocating, locking, copying or taking an
+// exception or interrupt, never the culprit.
 const char* const kSkipFrames[] = {
     R"(panic|die|__die|__die_body|die_kernel_fault|oops_\w+|__warn|warn_slowpath\w*|report_bug)",
     R"(dump_stack\w*|show_stack|dump_backtrace|show_regs|__show_regs|print_\w+|_?printk|vprintk\w*)",
-    R"(\w*_backtrace|rcu_dump_cpu_stacks|check_cpu_stall|watchdog\w*|check_hung_\w+|hung_task\w*)",
-    R"(refcount_warn_saturate|__list_\w+_valid\w*)",
+    R"(\w*_backtrace|rcu_dump_cpu_stacks|check_cpu_stall|rcu_pending|rcu_sched_clock_irq)",
+    R"(watchdog\w*|check_hung_\w+|hung_task\w*)",
+    // Checkers that WARN or BUG on their caller's behalf.
+    R"(_*refcount_\w+|kref_\w+|__list_\w+_valid\w*|_*might_\w+|__check_object_size|usercopy_\w+)",
     R"(_*kasan_\w+|__asan_\w+|_*kfence_\w+|_*ubsan_\w+|check_memory_region\w*)",
+    // The allocator's entry points and free paths, where a sanitizer catches a caller's bad free.
+    R"(_*kmalloc\w*|kzalloc\w*|krealloc\w*|kvmalloc\w*|kfree\w*|kvfree\w*|_*kmem_cache_\w+)",
+    R"(_*slab_\w+|___cache_free|free_debug_processing|_*vfree|_*free_pages\w*|free_unref_page\w*)",
     R"(do_mem_abort|do_translation_fault|do_page_fault|do_bad_area|__do_kernel_fault|el[01]\w*)",
     R"(do_el0_\w+|\w*brk_handler|call_break_hook|do_debug_exception|handle_bug|exc_\w+|asm_exc_\w+)",
     R"(page_fault_oops|kernelmode_fixup_or_oops|no_context|_*bad_area\w*|do_error_trap|do_trap)",
@@ -64,6 +90,7 @@ const char* const kSkipFrames[] = {
     R"(update_process_times|tick_\w+|_*hrtimer_\w+|_*handle_irq_event\w*|generic_handle_\w+)",
     R"(_raw_(?:spin|read|write)_\w+|do_raw_spin_\w+|queued_\w+_lock\w*|_*mutex_\w+)",
     R"(_*down_\w+|down|rwsem_\w+|lock_acquire|lock_release|__lock_acquire|lockdep_\w+)",
+    R"(check_noncircular|check_prevs?_add|validate_chain|check_deadlock|mark_lock\w*|valid_state)",
     R"(_*schedule|schedule_\w+|io_schedule\w*|__switch_to|context_switch|_*wait_for_\w+)",
     R"(_*mem(?:cpy|move|set|cmp|chr|scan)\w*|_*str(?:n?cpy|n?cmp|n?cat|n?len|chr|rchr|str)\w*)",
     R"(_*copy_\w*user\w*|__arch_copy_\w+|raw_copy_\w+)",
@@ -77,13 +104,13 @@ std::string Alternation() {
 
 const RE2 kSkip(Alternation());
 const RE2 kPrefix(
-    R"(\s*(?:<\d+>|\[\s*\d+\.\d+\]|\[T\d+\]|\[C(\d+)\]|\((\d+)\)|\[\s*\d+:[^\]]*\]))");
+    R"(\s*(?:<\d+>|\[\s*\d+\.\d+\]|\[T\d+\]|\[C(\d+)\]|\((\d+)\)|\[\s*(\d+):([^\]]*)\]))");
 const RE2 kAddress(R"(\b(?:0x[0-9a-fA-F]+|[0-9a-f]{8,})\b)");
 const RE2 kRegister(R"(^(?:pc|lr) : ([\w.$]+)\+X/X|^RIP: \w+:([\w.$]+)\+X/X)");
 const RE2 kTraceStart(R"(^Call [Tt]race:)");
 const RE2 kTraceFrame(R"(^(?:\[<X>\] )?(\? )?([\w.$]+)\+X/X)");
 const RE2 kTraceMark(R"(^</?[A-Z]+>$)");
-const RE2 kReportEnd(R"(^---\[ end )");
+const RE2 kReportEnd(kTrailer);
 const RE2 kAccess(R"(^(Read|Write) of size|^#PF: \w+ (read|write|instruction fetch)|WnR = ([01]))");
 const RE2 kCpuPid(R"(CPU: (\d+) (?:UID: \d+ )?PID: (\d+))");
 const RE2 kComm(R"(Comm: (\S+))");
@@ -98,6 +125,7 @@ constexpr size_t kReportLines = 80;
 constexpr size_t kFrames = 5;
 constexpr size_t kSignatureFrames = 3;
 constexpr size_t kAlso = 20;
+constexpr size_t kLineLimit = 4096;  // the kernel prints at most 1 KiB a line; more is not a log
 const std::string kReplacement = "\xEF\xBF\xBD";
 
 // Appends |line| to |out|, NULs and invalid UTF-8 replaced; true when it is a line of text: 16
@@ -144,6 +172,9 @@ std::string TitleText(std::string s) {
 struct Report {
   const Format* format = nullptr;
   std::vector<Line> lines;
+  const char* ends = nullptr;  // the trailer of the kind that opened it or joined it last
+  bool tracing = false;        // its call trace began after that
+  bool traced = false;         // and has a frame
 };
 
 struct Finding {
@@ -151,17 +182,20 @@ struct Finding {
   std::vector<std::string> frames;
 };
 
-// A format's opening line (|names| false) or naming line, compiled once.
-const RE2& Compiled(const Format& format, bool names = false) {
+using Part = const char* Format::*;
+constexpr Part kParts[] = {&Format::opens, &Format::names, &Format::below};
+
+// A format's expression |part|, compiled once; one that never matches where the format has none.
+const RE2& Compiled(const Format& format, Part part = &Format::opens) {
   static const std::vector<std::unique_ptr<RE2>> compiled = [] {
     std::vector<std::unique_ptr<RE2>> all;
     for (const auto& f : kFormats) {
-      all.push_back(std::make_unique<RE2>(f.opens));
-      all.push_back(std::make_unique<RE2>(f.names != nullptr ? f.names : "$^"));
+      for (Part p : kParts) all.push_back(std::make_unique<RE2>(f.*p != nullptr ? f.*p : "$^"));
     }
     return all;
   }();
-  return *compiled[2 * (&format - kFormats) + (names ? 1 : 0)];
+  auto index = std::find(std::begin(kParts), std::end(kParts), part) - std::begin(kParts);
+  return *compiled[std::size(kParts) * (&format - kFormats) + index];
 }
 
 const Format* Opens(const std::string& clean) {
@@ -189,7 +223,7 @@ Finding Describe(const Report& report) {
     std::string a;
     std::string b;
     std::string c;
-    if (named.empty() && RE2::PartialMatch(clean, Compiled(format, true), &a)) {
+    if (named.empty() && RE2::PartialMatch(clean, Compiled(format, &Format::names), &a)) {
       named.push_back(a);
     }
     if (RE2::PartialMatch(clean, kRegister, &a, &b)) registers.push_back(a + b);
@@ -204,6 +238,10 @@ Finding Describe(const Report& report) {
       in_trace = false;
     }
   }
+  auto entry = std::find_if(trace.begin(), trace.end(), [&format](const std::string& frame) {
+    return RE2::FullMatch(frame, Compiled(format, &Format::below));
+  });
+  if (entry != trace.end()) trace.erase(trace.begin(), entry + 1);
   for (const auto* source : {&named, &registers, &trace}) {
     for (const auto& frame : *source) AddFrame(frame, found.frames);
   }
@@ -254,6 +292,12 @@ void ReadFields(const Report& report, Panic& panic) {
     panic.excerpt.push_back(text);
   }
   while (!panic.excerpt.empty() && panic.excerpt.back().empty()) panic.excerpt.pop_back();
+  auto prefixed = std::find_if(report.lines.begin(), report.lines.end(),
+                               [](const Line& line) { return line.pid >= 0; });
+  if (!panic.pid && prefixed != report.lines.end()) {
+    panic.pid = prefixed->pid;
+    if (panic.comm.empty()) panic.comm = prefixed->comm;
+  }
   panic.corrupted = cpus.size() > 1;
   if (!panic.cpu && report.lines.front().cpu >= 0) panic.cpu = report.lines.front().cpu;
 }
@@ -265,7 +309,7 @@ bool ForEachLine(std::string_view log, Each each) {
   for (size_t start = 0; start < log.size();) {
     size_t end = std::min(log.find('\n', start), log.size());
     bool text = false;
-    each(Normalise(log.substr(start, end - start), &text));
+    each(Normalise(log.substr(start, std::min(end - start, kLineLimit)), &text));
     any_text |= text;
     start = end + 1;
   }
@@ -276,14 +320,16 @@ bool ForEachLine(std::string_view log, Each each) {
 struct Reports {
   Report first;
   std::vector<std::string> also;
+  bool cut = false;  // the log ends before the first one's trailer, or its call trace
 };
 
 Reports FindReports(std::string_view log, bool& any_text) {
   Reports found;
   Report open;
-  auto close = [&found, &open] {
+  auto close = [&found, &open](bool log_ends) {
     if (open.format == nullptr) return;
     if (found.first.format == nullptr) {
+      found.cut = log_ends && (open.ends != nullptr || !open.traced);
       found.first = std::move(open);
     } else if (found.also.size() < kAlso) {
       found.also.push_back(Describe(open).title);
@@ -294,18 +340,25 @@ Reports FindReports(std::string_view log, bool& any_text) {
     const Format* format = Opens(line.clean);
     if (open.format != nullptr) {
       if ((format == nullptr || format->joins) && open.lines.size() < kReportLines) {
+        if (format != nullptr) {  // a join: its own trace is what is still to come
+          open.ends = format->ends;
+          open.tracing = false;
+          open.traced = false;
+        }
+        open.traced = open.traced || (open.tracing && RE2::PartialMatch(line.clean, kTraceFrame));
+        open.tracing = open.tracing || RE2::PartialMatch(line.clean, kTraceStart);
         bool ends = RE2::PartialMatch(line.clean, kReportEnd);
         open.lines.push_back(std::move(line));
-        if (ends) close();
+        if (ends) close(false);
         return;
       }
-      close();
+      close(false);
     }
     if (format != nullptr && (!format->joins || found.first.format == nullptr)) {
-      open = Report{format, {std::move(line)}};
+      open = Report{format, {std::move(line)}, format->ends};
     }
   });
-  close();
+  close(true);
   return found;
 }
 
@@ -332,10 +385,16 @@ Line Normalise(std::string_view raw, bool* is_text) {
   re2::StringPiece rest(line.text);
   std::string cpu_a;
   std::string cpu_b;
-  while (RE2::Consume(&rest, kPrefix, &cpu_a, &cpu_b)) {
-    if (!cpu_a.empty() || !cpu_b.empty()) {
-      line.cpu =
-          static_cast<int>(std::min(std::strtol((cpu_a + cpu_b).c_str(), nullptr, 10), 1L << 20));
+  std::string pid;
+  std::string comm;
+  auto number = [](const std::string& digits) {
+    return static_cast<int>(std::min(std::strtol(digits.c_str(), nullptr, 10), 1L << 30));
+  };
+  while (RE2::Consume(&rest, kPrefix, &cpu_a, &cpu_b, &pid, &comm)) {
+    if (!cpu_a.empty() || !cpu_b.empty()) line.cpu = number(cpu_a + cpu_b);
+    if (!pid.empty()) {
+      line.pid = number(pid);
+      line.comm = comm;
     }
   }
   line.text = Trim(std::string(rest));
@@ -377,7 +436,7 @@ void Parse(Panic& panic) {
     key += "\n" + first.frames[i];
   }
   panic.signature = Digest(key);
-  panic.corrupted = panic.corrupted || (!panic.from_record && first.frames.empty());
+  panic.corrupted = panic.corrupted || reports.cut || (!panic.from_record && first.frames.empty());
   panic.frames = std::move(first.frames);
   long pid = 0;
   long cpu = 0;

@@ -13,6 +13,8 @@ struct Line {
   std::string text;   // the kernel's message: prefixes stripped, NULs and bad UTF-8 replaced
   std::string clean;  // the same with what varies between phones masked: every rule reads this
   int cpu = -1;       // the CPU its prefix names, if any
+  int pid = -1;       // the task its prefix names, if any, and its name
+  std::string comm;
 };
 
 // The one normalisation of a log's line: without its timestamp, task, CPU and level prefixes,
