@@ -84,22 +84,33 @@ la_ssize_t ReadInner(archive* inner, void* data, const void** buffer) {
   return n;
 }
 
-// Takes the exception record and the database's kernel log out of the opened database |db|.
-void ReadDatabase(archive* db, const std::string& name, Panic& panic, std::string& db_kmsg) {
+// Moves |a| to its next member that is a plain file at a safe path, whose base name goes to |base|:
+// links and escaping paths are skipped here, for both tar levels. libarchive's status: ARCHIVE_EOF
+// at the end, below ARCHIVE_WARN on an error.
+int NextFile(archive* a, std::string& base) {
   archive_entry* entry = nullptr;
   for (;;) {
-    int r = archive_read_next_header(db, &entry);
+    const int r = archive_read_next_header(a, &entry);
+    if (r == ARCHIVE_EOF || r < ARCHIVE_WARN) return r;
+    const char* path = archive_entry_pathname(entry);
+    const std::string member = path != nullptr ? path : "";
+    if (SafeMember(member) && archive_entry_filetype(entry) == AE_IFREG &&
+        archive_entry_hardlink(entry) == nullptr) {
+      base = fs::path(member).filename();
+      return r;
+    }
+  }
+}
+
+// Takes the exception record and the database's kernel log out of the opened database |db|.
+void ReadDatabase(archive* db, const std::string& name, Panic& panic, std::string& db_kmsg) {
+  for (std::string base;;) {
+    const int r = NextFile(db, base);
     if (r == ARCHIVE_EOF) return;
     if (r < ARCHIVE_WARN) {
       panic.error = name + ": " + Why(db);
       return;
     }
-    std::string member = archive_entry_pathname(entry) ? archive_entry_pathname(entry) : "";
-    if (!SafeMember(member) || archive_entry_filetype(entry) != AE_IFREG ||
-        archive_entry_hardlink(entry) != nullptr) {
-      continue;
-    }
-    std::string base = fs::path(member).filename();
     std::string* into = base == "ZZ_INTERNAL"                                   ? &panic.record
                         : base == "SYS_KERNEL_LOG" && panic.kmsg_member.empty() ? &db_kmsg
                                                                                 : nullptr;
@@ -164,23 +175,16 @@ void ReadArchive(Panic& panic, std::string& db_kmsg, bool& has_db) {
     return;
   }
   Reading a = NewTarGz();
-  archive_entry* entry = nullptr;
   if (archive_read_open_fd(a.get(), fd, kBlock) != ARCHIVE_OK) {
     panic.error = "not a readable tar.gz: " + Why(a.get());
   }
-  while (panic.error.empty()) {
-    int r = archive_read_next_header(a.get(), &entry);
+  for (std::string base; panic.error.empty();) {
+    const int r = NextFile(a.get(), base);
     if (r == ARCHIVE_EOF) break;
     if (r < ARCHIVE_WARN) {
       panic.error = "not a readable tar.gz: " + Why(a.get());
       break;
     }
-    std::string member = archive_entry_pathname(entry) ? archive_entry_pathname(entry) : "";
-    if (!SafeMember(member) || archive_entry_filetype(entry) != AE_IFREG ||
-        archive_entry_hardlink(entry) != nullptr) {
-      continue;
-    }
-    std::string base = fs::path(member).filename();
     if (base == "last_kmsg.txt" && panic.kmsg_member.empty()) {
       panic.kmsg_member = base;
       std::string().swap(db_kmsg);
