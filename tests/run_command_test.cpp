@@ -5,7 +5,7 @@
 
 #include <gtest/gtest.h>
 
-#include "device.h"
+#include "in_process.h"
 #include "zq_mrdump_collect.h"
 
 namespace {
@@ -20,7 +20,7 @@ TEST(RunCommandTest, LeavesAStuckLeftoverBehindAfterItsBound) {
   EXPECT_EQ(RunCommand(stuck, std::chrono::seconds(1)), 0);
   EXPECT_EQ(platform.Log(), std::vector<std::string>{
                                 stuck + " left a process running after 1 s, going on without it"});
-  const pid_t sleeper = std::stoi(Slurp(pid));
+  const pid_t sleeper = std::stoi(Read(pid).value_or(""));
   kill(sleeper, SIGKILL);
   waitpid(sleeper, nullptr, 0);
   prctl(PR_SET_CHILD_SUBREAPER, 0);
