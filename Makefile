@@ -39,9 +39,10 @@ test: build
 	@cd $(BUILD) && ctest --output-on-failure -j $(JOBS) --repeat until-fail:$(REPEAT)
 
 # Seven panics in a row, a minute apart: the first dump still in progress at boot, the archive
-# numbered, compressed on the next boot and rotated past its limit of five. Only the daemon is built.
+# numbered, compressed on the next boot and rotated past its limit of five; then what zq-triage
+# makes of the archives. Only the daemon and zq-triage are built.
 run: configure
-	@cmake --build $(BUILD) -j $(JOBS) --target zq_mrdump_collect
+	@cmake --build $(BUILD) -j $(JOBS) --target zq_mrdump_collect zq-triage
 	@$(DEVSIM) init $(PHONE) --force
 	@for boot in 0 1 2 3 4 5 6; do \
 	  $(DEVSIM) panic $(PHONE) --dumping $$((boot == 0 ? 20 : 0)) --kmsg-size 256 --db-size 512 \
@@ -52,6 +53,8 @@ run: configure
 	@$(DEVSIM) logcat $(PHONE) --last
 	@$(DEVSIM) getprop $(PHONE)
 	@$(DEVSIM) tree $(PHONE) data/vendor/dump_collect mnt/vendor/zq_log
+	@echo "run: the archives of $(PHONE)/mnt/vendor/zq_log, as zq-triage reads them:"
+	@$(BUILD)/zq-triage $(PHONE)/mnt/vendor/zq_log
 
 # Each fuzz target for FUZZ_SECONDS, built with clang, ASan and UBSan in build-fuzz.
 fuzz:

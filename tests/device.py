@@ -9,9 +9,10 @@ import tempfile
 DEVSIM = os.path.join(os.path.dirname(os.path.abspath(__file__)), "../devsim/zq-devsim")
 
 
-def run(argv, **env):
-    """|argv| with |env| added to the environment: its status, output and errors."""
-    done = subprocess.run(argv, capture_output=True, env=dict(os.environ, **env), check=False)
+def run(argv, cwd=None, **env):
+    """|argv| in |cwd| with |env| added to the environment: its status, output and errors."""
+    done = subprocess.run(argv, cwd=cwd, capture_output=True, env=dict(os.environ, **env),
+                          check=False)
     return done.returncode, done.stdout.decode("latin-1"), done.stderr.decode("latin-1")
 
 
@@ -55,7 +56,8 @@ class Device:
         return status, err
 
     def pull(self, phone_path):
-        """The phone's |phone_path| on the workstation: copied out of its ext4 images if it has them."""
+        """The phone's |phone_path| on the workstation, copied out of its ext4 images if it has
+        them."""
         if not os.path.isdir(self.path("images")):
             return self.path(phone_path[1:])
         self.pulls += 1

@@ -22,7 +22,8 @@ USES = [
     ("data/vendor/aee_exp", "search read open getattr", "read open getattr"),
     ("data/vendor/dump_collect", "search read open getattr write add_name remove_name create rmdir",
      "create read write open getattr setattr unlink"),
-    ("mnt/vendor/zq_log", "search read open getattr write add_name remove_name create rmdir setattr",
+    ("mnt/vendor/zq_log",
+     "search read open getattr write add_name remove_name create rmdir setattr",
      "create read write open getattr setattr unlink"),
     ("mnt/vendor/persist/CBT.txt", "", "read open getattr"),
     ("system/bin/sh system/bin/toybox vendor/bin/sh vendor/bin/toybox_vendor", "",
@@ -63,7 +64,7 @@ def uses(device):
         if r["pid"] != 1 and r["ev"] in ("get", "set"):  # not init's
             rows.append(("zq_mrdump_collect", "property:" + r["name"], *(
                 ("file", "read") if r["ev"] == "get" else ("property_service", "set"))))
-        # What it publishes, the system-side app that uploads the panic reads; its hand-over, no one.
+        # What it publishes, the app that uploads the panic reads; its hand-over, no one.
         if r["pid"] != 1 and r["ev"] == "set" and r["name"] != "vendor.zq_dump.last_dump":
             rows.append(("platform_app", "property:" + r["name"], "file", "read"))
     ways = {path[:i] for domain, path, _, _ in rows if domain == "zq_mrdump_collect"
@@ -118,8 +119,9 @@ def main():
                     faults.append(f"not allowed: {domain} {types[path]}:{tclass} {perm} ({path})")
             except ValueError as e:  # a type, class or permission the policy lacks
                 faults.append(f"{path}: {e}")
-    print("\n".join(sorted(set(faults))) or f"kit_test: the policy grants all {len(rows)} uses of a "
-          "boot, each path and property labelled")
+    print("\n".join(sorted(set(faults))) or
+          f"kit_test: the policy grants all {len(rows)} uses of a boot, each path and property "
+          "labelled")
     sys.exit(1 if faults else 0)
 
 

@@ -207,8 +207,8 @@ def boot_block(daemon, file_in_the_way, sanitized, userland, block):
     device.panic(*panic)
     for _, verb, arg in steps:
         prepare(device, verb, fill(values, head(arg)[0]), fill(values, head(arg)[1]))
-    if "--faketime" not in boot:
-        boot += ["--faketime", "@2024-05-01 03:04:05"]
+    if "--faketime" not in boot:  # a date that stands still: the names are known
+        boot += ["--faketime", "2024-05-01 03:04:05"]
     status, err = device.boot("--userland", userland, *boot)
 
     journal = device.journal()
@@ -234,12 +234,10 @@ def boot_block(daemon, file_in_the_way, sanitized, userland, block):
 
 
 
-def stamp(m):  # of a boot at minute |m|, as the daemon names its folders
-    return f"2024-05-01-03-{m:02d}-05"
-
-
-def archive_name(count, m):
-    return f"ZQpanic_{count}_{stamp(m)}"
+def archives(folder):
+    """The panic archives in |folder| by count, each by its name: a folder, a .tar.gz or both."""
+    return {int(n.split("_")[1]): n.removesuffix(".tar.gz") for n in entries(folder)
+            if n.startswith("ZQpanic_")}
 
 
 def whole(folder, name, kmsg):
@@ -253,22 +251,25 @@ def whole(folder, name, kmsg):
     return status == 0 and out == kmsg or f"{folder}/{name} is not whole: {err}"
 
 
-def panic_and_boot(device, userland, m, staged, panics):
+def panic_and_boot(device, userland, m, staged, kmsgs):
     """A panic, then a boot at minute |m| that ends with "1" and leaves its folder and the five
-    newest archives, each whole, and |staged| staging folders. |panics|: minute and kernel log."""
+    newest archives, each whole, and |staged| staging folders. |kmsgs|: the kernel logs by count."""
     device.panic()
-    panics.append((m, slurp(device.pull("/data/vendor/aee_exp/last_kmsg.txt"))))
-    count = len(panics) - 1
+    kmsgs.append(slurp(device.pull("/data/vendor/aee_exp/last_kmsg.txt")))
+    count = len(kmsgs) - 1
     status, err = device.boot("--userland", userland, "--faketime", f"@2024-05-01 03:{m:02d}:05")
     assert status == 0, err
-    assert device.prop(STATUS) == "1" and device.prop(
-        "vendor.zq_dump.last_panic_log") == archive_name(count, m)
     folder = device.pull("/mnt/vendor/zq_log/panic_log")
-    kept = range(max(0, count - 4), count + 1)
-    for n in kept:
-        assert whole(folder, archive_name(n, panics[n][0]), panics[n][1]) is True
-    assert entries(folder) == sorted([archive_name(count, m)] +
-                                     [archive_name(n, panics[n][0]) + ".tar.gz" for n in kept])
+    filed = archives(folder)
+    # Named for the boot's minute: its seconds are the clock's when the daemon reads it, later on a
+    # busy machine.
+    assert device.prop(STATUS) == "1" and filed[count].startswith(f"ZQpanic_{count}_2024-05-01-03-"
+                                                                  f"{m:02d}-"), filed
+    assert device.prop("vendor.zq_dump.last_panic_log") == filed[count]
+    assert sorted(filed) == list(range(max(0, count - 4), count + 1)), filed
+    assert entries(folder) == sorted([filed[count]] + [n + ".tar.gz" for n in filed.values()])
+    for n, name in filed.items():
+        assert whole(folder, name, kmsgs[n]) is True
     assert len(entries(device.pull("/data/vendor/dump_collect"))) == staged
 
 
@@ -279,11 +280,11 @@ def cut(daemon, userland, on_disk):
     ext4 = on_disk != "written"
     if ext4 and os.geteuid() != 0:
         return SKIP, "ext4 partitions are loop-mounted: that needs root"
-    history, panics = Device(daemon, ext4), []
+    history, kmsgs = Device(daemon, ext4), []
     for m in range(6):
-        panic_and_boot(history, userland, m, min(m + 1, 2), panics)
+        panic_and_boot(history, userland, m, min(m + 1, 2), kmsgs)
     history.panic()  # the one the cut boot, at minute 10, finds
-    panics.append((10, slurp(history.pull("/data/vendor/aee_exp/last_kmsg.txt"))))
+    kmsgs.append(slurp(history.pull("/data/vendor/aee_exp/last_kmsg.txt")))
     device, cuts = Device(daemon), []
     while not cuts or cuts[-1] != "end":  # at the first change (or sync), the second, ...
         cuts.append(f"sync:{len(cuts) + 1}" if on_disk == "synced" else str(len(cuts) + 1))
@@ -298,7 +299,7 @@ def cut(daemon, userland, on_disk):
         assert status == (0 if cuts[-1] == "end" else 137), f"cut {cuts[-1]}: {err}"
         # The next boot files its panic whole; every kept earlier one is whole, the cut boot's too
         # at end.
-        after = panics if cuts[-1] == "end" else panics[:-1]
+        after = kmsgs if cuts[-1] == "end" else kmsgs[:-1]
         device.panic()
         following = slurp(device.pull("/data/vendor/aee_exp/last_kmsg.txt"))
         assert device.boot("--userland", userland, "--faketime", "@2024-05-01 03:11:05")[0] == 0
@@ -307,16 +308,19 @@ def cut(daemon, userland, on_disk):
         # Bounded: five archives, this boot's folder, and what a cut removal left aside.
         names = [n for n in entries(folder) if n != ".zq_mrdump_removing"]
         expect(len(names) <= 6, f"cut {cuts[-1]}: {names}")
-        count = max(int(n.split("_")[1]) for n in names)
-        for said in [whole(folder, archive_name(count, 11), following)] + [
-                whole(folder, archive_name(n, after[n][0]), after[n][1])
+        filed = archives(folder)
+        count = max(filed)
+        for said in [whole(folder, filed[count], following)] + [
+                whole(folder, filed.get(n, f"ZQpanic_{n}"), after[n])
                 for n in range(max(0, count - 4), len(after))]:
             expect(said is True, f"cut {cuts[-1]}: {said}: {names}")
         staging = device.pull("/data/vendor/dump_collect")
         expect(len(entries(staging)) <= 2, f"cut {cuts[-1]}: staged {entries(staging)}")
         # A run that ended had synced what it staged.
-        expect(cuts[-1] != "end" or slurp(f"{staging}/panic_log_{stamp(10)}/last_kmsg.txt") ==
-               panics[-1][1], "the staged kernel log of the boot cut at its end")
+        staged = [slurp(f"{staging}/{n}/last_kmsg.txt") for n in entries(staging)
+                  if n.startswith("panic_log_2024-05-01-03-10-")]
+        expect(cuts[-1] != "end" or staged == kmsgs[-1:], "the staged kernel log of the boot cut "
+               "at its end")
     expect(len(cuts) > (2 if on_disk == "synced" else 20), "a boot makes a few dozen changes")
     return (1 if FAULTS else 0), f"{userland}, {on_disk}: power cut at {' '.join(cuts)}" + \
         "".join("\n" + fault for fault in FAULTS)

@@ -43,6 +43,7 @@ void WriteJson(const std::vector<Panic>& panics, std::ostream& out) {
     row["archive"] = p.archive;
     row["number"] = OrNull(p.number);
     row["time"] = OrNull(p.time);
+    row["phone"] = p.phone;
     row["error"] = OrNull(p.error);
     row["title"] = OrNull(p.title);
     row["from_record"] = p.from_record;

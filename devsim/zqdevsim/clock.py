@@ -15,8 +15,8 @@ def boot_clock(root, setting):
     """The libfaketime setting for a boot of the phone in |root| asked to run under |setting|
     (None, "@YYYY-MM-DD HH:MM:SS[ xRATE]" or "+0 xRATE"), and its clock's start and rate."""
     rate = float(setting.rpartition(" x")[2]) if setting and " x" in setting else 1.0
-    if setting and setting.startswith("@"):  # set by hand, as the phone's date can be
-        return setting, _seconds(time.strptime(setting[1:20], "%Y-%m-%d %H:%M:%S")), rate
+    if setting and setting.lstrip("@")[:1].isdigit():  # set by hand, as the phone's date can be
+        return setting, _seconds(time.strptime(setting.lstrip("@")[:19], "%Y-%m-%d %H:%M:%S")), rate
     start = time.time()
     try:
         with open(os.path.join(root, CLOCK)) as f:
@@ -33,9 +33,11 @@ def later(setting, seconds):
     """The libfaketime setting of a clock |seconds| ahead of |setting|'s (None: the real clock)."""
     if not seconds:
         return setting
-    if setting and setting.startswith("@"):
-        at = _seconds(time.strptime(setting[1:20], "%Y-%m-%d %H:%M:%S")) + seconds
-        return time.strftime("@%Y-%m-%d %H:%M:%S", _sandbox_zone()(at)) + setting[20:]
+    if setting and setting.lstrip("@")[:1].isdigit():
+        at = _seconds(time.strptime(setting.lstrip("@")[:19], "%Y-%m-%d %H:%M:%S")) + seconds
+        head = "@" if setting.startswith("@") else ""
+        shifted = time.strftime("%Y-%m-%d %H:%M:%S", _sandbox_zone()(at))
+        return head + shifted + setting[len(head) + 19:]
     offset, _, rate = (setting or "+0").partition(" ")
     return f"{float(offset) + seconds:+g}" + (f" {rate}" if rate else "")
 

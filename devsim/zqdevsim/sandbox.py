@@ -28,8 +28,10 @@ LAST_DAY = "2262-04-10 00:00:00"
 
 def faketime_setting(value):
     """libfaketime's FAKETIME for the --faketime |value|, checked before anything is written:
-    "@YYYY-MM-DD HH:MM:SS", "xRATE" or both, blank-separated."""
-    at, rate, rest = None, None, value
+    "@YYYY-MM-DD HH:MM:SS", "xRATE" or both, blank-separated; or "YYYY-MM-DD HH:MM:SS", a date that
+    stands still."""
+    still = value[:1].isdigit()
+    at, rate, rest = None, None, "@" + value if still else value
     if rest.startswith("@"):
         at, rest = rest[1:20], rest[20:]
         rest = rest[1:] if rest.startswith(" x") else rest
@@ -43,10 +45,11 @@ def faketime_setting(value):
         except ValueError:
             ok = False
     if ok and rate is not None:
-        ok = re.fullmatch(r"\d+(\.\d+)?", rate) is not None and float(rate) > 0
+        ok = re.fullmatch(r"\d+(\.\d+)?", rate) is not None and float(rate) > 0 and not still
     if not ok:
         raise Refusal(f"--faketime takes \"@YYYY-MM-DD HH:MM:SS\", \"xRATE\" with a RATE "
-                      f"above 0, or both, not '{value}'")
+                      f"above 0, or both, or a date that stands still, \"YYYY-MM-DD HH:MM:SS\"; "
+                      f"not '{value}'")
     if at is not None and at >= LAST_DAY:
         raise Refusal(f"--faketime takes a time before {LAST_DAY}, not '{value}': the phone's "
                       "clock counts 64-bit nanoseconds, which end on 2262-04-11 at 23:47:16 UTC")
@@ -188,6 +191,8 @@ def bwrap_argv(root, binary, a, service, helper_dir, mounts, fds):
             raise Refusal("libfaketime not found (install the Debian package faketime)")
         preloads.append(libs[0])
         settings.append(f"FAKETIME={a.faketime}")
+        if a.faketime[:1].isdigit():  # the date stands still; waits, durations and file times go on
+            settings += ["FAKETIME_DONT_FAKE_MONOTONIC=1", "NO_FAKE_STAT=1"]
     if preloads:
         settings.append(f"LD_PRELOAD={':'.join(preloads)}")
     if settings:  # for the service's processes alone: libfaketime's state is its first user's
