@@ -1,12 +1,16 @@
 // zq-triage: reads the panics the daemon filed and tells what crashed, changing nothing.
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
+#include <cstring>
 #include <exception>
+#include <fstream>
 #include <iostream>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "html.h"
 #include "parser.h"
 #include "reader.h"
 #include "writer.h"
@@ -14,13 +18,16 @@
 namespace {
 
 constexpr const char* kUsage =
-    "usage: zq-triage [--json] [--stdin] PATH...\n"
+    "usage: zq-triage [--json] [--html FILE] [--stdin] PATH...\n"
     "Reads the panics under each PATH (ZQpanic_<N>_<time>.tar.gz archives, their folders, pulled\n"
     "log partitions, any folder holding them) and prints one line per kind of crash, the most\n"
     "frequent first, then the panics that could not be read.\n"
-    "  --json   one JSON object per panic per line instead\n"
-    "  --stdin  read more paths from standard input, one a line\n"
-    "Exit status: 0 every panic was read, 1 some could not be, 2 usage error.\n";
+    "  --json       one JSON object per panic per line instead\n"
+    "  --html FILE  also write FILE, a page of the groups, panics per day and each group's\n"
+    "               panics and report, that opens from disk\n"
+    "  --stdin      read more paths from standard input, one a line\n"
+    "Exit status: 0 every panic was read, 1 some could not be, 2 usage error or FILE could not\n"
+    "be written.\n";
 
 int Usage(const std::string& why) {
   std::cerr << "zq-triage: " << why << "\n" << kUsage;
@@ -44,6 +51,7 @@ void Triage(triage::Panic& panic) {
 int main(int argc, char** argv) {
   bool json = false;
   bool from_stdin = false;
+  std::string html;
   std::vector<std::string> paths;
   bool options = true;
   for (int i = 1; i < argc; ++i) {
@@ -52,6 +60,9 @@ int main(int argc, char** argv) {
       options = false;
     } else if (options && arg == "--json") {
       json = true;
+    } else if (options && arg == "--html") {
+      if (++i < argc) html = argv[i];  // NOLINT(cppcoreguidelines-pro-bounds-pointer-arithmetic)
+      if (html.empty()) return Usage("--html needs a FILE");
     } else if (options && arg == "--stdin") {
       from_stdin = true;
     } else if (options && (arg == "-h" || arg == "--help")) {
@@ -69,6 +80,15 @@ int main(int argc, char** argv) {
     }
   }
   if (paths.empty()) return Usage(from_stdin ? "no path on standard input" : "no PATH given");
+  // Opened before the reading, so that a FILE that cannot be written costs no wait.
+  std::ofstream page;
+  if (!html.empty()) {
+    page.open(html, std::ios::binary | std::ios::trunc);
+    if (!page) {
+      std::cerr << "zq-triage: cannot write " << html << ": " << std::strerror(errno) << "\n";
+      return 2;
+    }
+  }
 
   std::vector<triage::Panic> panics = triage::FindPanics(paths);
   std::atomic<size_t> next{0};
@@ -91,6 +111,14 @@ int main(int argc, char** argv) {
               << " could not be read\n";
   } else {
     triage::WriteTable(panics, std::cout);
+  }
+  if (!html.empty()) {
+    triage::WriteHtml(panics, page);
+    page.close();
+    if (!page) {
+      std::cerr << "zq-triage: cannot write " << html << ": " << std::strerror(errno) << "\n";
+      return 2;
+    }
   }
   return unread == 0 ? 0 : 1;
 }

@@ -21,12 +21,6 @@ Json OrNull(const std::string& value) {
   return value.empty() ? Json(nullptr) : Json(value);
 }
 
-struct Group {
-  std::vector<const Panic*> panics;
-  std::string first, last;
-  std::set<std::string> phones, builds;
-};
-
 constexpr size_t kTitleWidth = 72;
 
 std::string Cell(std::string text, size_t width) {
@@ -67,14 +61,10 @@ void WriteJson(const std::vector<Panic>& panics, std::ostream& out) {
   }
 }
 
-void WriteTable(const std::vector<Panic>& panics, std::ostream& out) {
+std::vector<Group> GroupPanics(const std::vector<Panic>& panics) {
   std::map<std::string, Group> groups;
-  std::vector<const Panic*> unread;
   for (const auto& p : panics) {
-    if (!p.error.empty()) {
-      unread.push_back(&p);
-      continue;
-    }
+    if (!p.error.empty()) continue;
     Group& g = groups[p.signature];
     g.panics.push_back(&p);
     if (!p.time.empty() && (g.first.empty() || p.time < g.first)) g.first = p.time;
@@ -82,26 +72,35 @@ void WriteTable(const std::vector<Panic>& panics, std::ostream& out) {
     g.phones.insert(p.phone);
     if (!p.build.empty()) g.builds.insert(p.build);
   }
-  std::vector<const Group*> order;
+  std::vector<Group> order;
   order.reserve(groups.size());
-  for (const auto& [signature, group] : groups) order.push_back(&group);
-  std::stable_sort(order.begin(), order.end(), [](const Group* a, const Group* b) {
-    return a->panics.size() > b->panics.size();
+  for (auto& [signature, group] : groups) order.push_back(std::move(group));
+  std::stable_sort(order.begin(), order.end(), [](const Group& a, const Group& b) {
+    return a.panics.size() > b.panics.size();
   });
+  return order;
+}
+
+void WriteTable(const std::vector<Panic>& panics, std::ostream& out) {
+  std::vector<Group> groups = GroupPanics(panics);
+  std::vector<const Panic*> unread;
+  for (const auto& p : panics) {
+    if (!p.error.empty()) unread.push_back(&p);
+  }
   size_t title_width = 5;
-  for (const auto* g : order) {
-    title_width = std::max(title_width, std::min(kTitleWidth, g->panics[0]->title.size()));
+  for (const auto& g : groups) {
+    title_width = std::max(title_width, std::min(kTitleWidth, g.panics[0]->title.size()));
   }
   auto dash = [](const std::string& s) { return s.empty() ? std::string("-") : s; };
   out << std::left << std::setw(6) << "COUNT" << std::setw(static_cast<int>(title_width) + 2)
       << "TITLE" << std::setw(21) << "FIRST" << std::setw(21) << "LAST" << std::setw(8) << "PHONES"
       << std::setw(8) << "BUILDS"
       << "EXAMPLE\n";
-  for (const auto* g : order) {
-    const Panic& example = *g->panics.front();
-    out << std::setw(6) << g->panics.size() << std::setw(static_cast<int>(title_width) + 2)
-        << Cell(example.title, title_width) << std::setw(21) << dash(g->first) << std::setw(21)
-        << dash(g->last) << std::setw(8) << g->phones.size() << std::setw(8) << g->builds.size()
+  for (const auto& g : groups) {
+    const Panic& example = *g.panics.front();
+    out << std::setw(6) << g.panics.size() << std::setw(static_cast<int>(title_width) + 2)
+        << Cell(example.title, title_width) << std::setw(21) << dash(g.first) << std::setw(21)
+        << dash(g.last) << std::setw(8) << g.phones.size() << std::setw(8) << g.builds.size()
         << example.path << '\n';
   }
   if (!unread.empty()) {
