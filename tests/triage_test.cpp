@@ -3,6 +3,7 @@
 #include <archive.h>
 #include <archive_entry.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <cstdio>
 #include <fstream>
@@ -118,4 +119,31 @@ TEST(Triage, SimulatorPanicsGroupBySignature) {
   EXPECT_EQ(rows[1]["cpu"], 6);
   EXPECT_EQ(rows[1]["pid"], 4032 * 3);
   EXPECT_EQ(rows[1]["comm"], "foo");
+}
+
+// A run of 100 panics shows how far it is on a terminal, from its start, and erases that line
+// before the results; a pipe gets none of it.
+TEST(Triage, ProgressOnATerminalOnly) {
+  const TemporaryDir tmp;
+  const std::string dir = tmp.path + std::string("/panics");
+  ASSERT_EQ(mkdir(dir.c_str(), 0755), 0) << dir;
+  const std::string archive =
+      TarGz({{"Z/last_kmsg.txt", "Unable to handle kernel paging request at virtual address 0\n"}});
+  for (int i = 0; i < 100; ++i) {
+    std::ofstream(dir + "/ZQpanic_" + std::to_string(i) + "_2024-01-01-00-00-00.tar.gz") << archive;
+  }
+  const std::string run = ZQ_TRIAGE " " + dir + " >" + tmp.path + "/out";
+  ASSERT_EQ(std::system((run + " 2>" + tmp.path + "/piped").c_str()), 0);
+  ASSERT_EQ(
+      std::system(("script -qec '" + run + "' /dev/null </dev/null >" + tmp.path + "/tty").c_str()),
+      0);
+  std::string piped;
+  std::string tty;
+  ASSERT_TRUE(android::base::ReadFileToString(tmp.path + std::string("/piped"), &piped));
+  ASSERT_TRUE(android::base::ReadFileToString(tmp.path + std::string("/tty"), &tty));
+  EXPECT_EQ(piped, "");
+  const std::string first = "\rzq-triage: 0 of 100 panics read\033[K";
+  EXPECT_EQ(tty.substr(0, first.size()), first) << tty;
+  EXPECT_GE(tty.size(), first.size() + 4) << tty;
+  EXPECT_EQ(tty.substr(tty.size() - 4), "\r\033[K") << tty;
 }
