@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <fstream>
 #include <nlohmann/json.hpp>
+#include <random>
 
 #include "parser.h"
 #include "reader.h"
@@ -58,6 +59,13 @@ TEST(Triage, BadInputIsOneRowWithItsReason) {
   const std::string oops =
       "Unable to handle kernel paging request at virtual address 0\npc : foo_open+0x4/0x8\n";
   const std::string title = "Unable to handle kernel paging request in foo_open";
+  // A database cut short in its memory dump: the title is the record's, the dump is never read.
+  std::mt19937 random(1);
+  std::string dump(512 << 10, '\0');
+  for (char& byte : dump) byte = static_cast<char>(random());
+  const std::string db = TarGz({{"db.00/SYS_KERNEL_LOG", "a log with no crash report in it\n"},
+                                {"db.00/ZZ_INTERNAL", "KE at pc : f+0x1/0x2\n"},
+                                {"db.00/SYS_MINI_RDUMP", dump}});
   const std::pair<std::string, std::string> rows[] = {
       {TarGz({{"Z/a", oops}}).substr(0, 40), "not a readable tar.gz: truncated gzip input"},
       {"plain text\n", "not a readable tar.gz: Unrecognized archive format"},
@@ -72,6 +80,7 @@ TEST(Triage, BadInputIsOneRowWithItsReason) {
        "no last_kmsg.txt and no db.NN.tar.gz"},
       {TarGz({{"Z/last_kmsg.txt", std::string("\xff\0\n", 3) + oops}}), title},
       {TarGz({{"Z/db.00.tar.gz", TarGz({{"db.00/SYS_KERNEL_LOG", oops}})}}), title},
+      {TarGz({{"Z/db.00.tar.gz", db.substr(0, db.size() - 4096)}}), "KE at pc : f"},
       {TarGz({{"Z/last_kmsg.txt", oops + std::string(triage::kMemberLimit, '~')}}), title},
   };
   for (size_t i = 0; i < std::size(rows); ++i) {
