@@ -342,9 +342,9 @@ class WordHits {
     for (const auto& format : kFormats) {
       if (std::find(words_.begin(), words_.end(), format.word) == words_.end()) {
         words_.emplace_back(format.word);
+        next_.push_back(log.find(format.word));
       }
     }
-    next_.assign(words_.size(), 0);
   }
 
   // Whether one of the words starts in the bytes [|start|, |end|) of the log.
