@@ -64,10 +64,12 @@ fuzz:
 	@scripts/run-fuzzers build-fuzz $(FUZZ_SECONDS)
 
 # The daemon's cost on a realistic panic against the floor of its own commands, and what it costs a
-# boot beside it with and without the service's priority options; bench/RESULTS.md.
+# boot beside it with and without the service's priority options; zq-triage on a fleet's uploads
+# against gzip on the same bytes; bench/RESULTS.md.
 bench: build
 	@scripts/install-deps --bench
 	@bench/run-bench $(BUILD) $(BENCH_RUNS)
+	@bench/run-triage bench $(BUILD)
 
 format:
 	@scripts/install-deps --lint

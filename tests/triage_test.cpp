@@ -4,11 +4,13 @@
 #include <archive.h>
 #include <archive_entry.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <cstdio>
 #include <fstream>
 #include <map>
 #include <nlohmann/json.hpp>
+#include <random>
 #include <set>
 #include <tuple>
 
@@ -61,6 +63,13 @@ TEST(Triage, BadInputIsOneRowWithItsReason) {
   const std::string oops =
       "Unable to handle kernel paging request at virtual address 0\npc : foo_open+0x4/0x8\n";
   const std::string title = "Unable to handle kernel paging request in foo_open";
+  // A database cut short in its memory dump: the title is the record's, the dump is never read.
+  std::mt19937 random(1);
+  std::string dump(512 << 10, '\0');
+  for (char& byte : dump) byte = static_cast<char>(random());
+  const std::string db = TarGz({{"db.00/SYS_KERNEL_LOG", "a log with no crash report in it\n"},
+                                {"db.00/ZZ_INTERNAL", "KE at pc : f+0x1/0x2\n"},
+                                {"db.00/SYS_MINI_RDUMP", dump}});
   const std::pair<std::string, std::string> rows[] = {
       {TarGz({{"Z/a", oops}}).substr(0, 40), "not a readable tar.gz: truncated gzip input"},
       {"plain text\n", "not a readable tar.gz: Unrecognized archive format"},
@@ -75,6 +84,7 @@ TEST(Triage, BadInputIsOneRowWithItsReason) {
        "no last_kmsg.txt and no db.NN.tar.gz"},
       {TarGz({{"Z/last_kmsg.txt", std::string("\xff\0\n", 3) + oops}}), title},
       {TarGz({{"Z/db.00.tar.gz", TarGz({{"db.00/SYS_KERNEL_LOG", oops}})}}), title},
+      {TarGz({{"Z/db.00.tar.gz", db.substr(0, db.size() - 4096)}}), "KE at pc : f"},
       {TarGz({{"Z/last_kmsg.txt", oops + std::string(triage::kMemberLimit, '~')}}), title},
   };
   for (size_t i = 0; i < std::size(rows); ++i) {
@@ -177,4 +187,31 @@ TEST(TriageHtml, PageDrawsARowPerGroupAndAMarkPerGroupAndDay) {
   ASSERT_TRUE(android::base::ReadFileToString(tmp.path + std::string("/dom"), &dom));
   const size_t begin = dom.find("<pre id=\"laid-out\">") + 19;
   EXPECT_EQ(dom.substr(begin, dom.find("</pre>", begin) - begin) + "\n", expected) << dom;
+}
+
+// A run of 100 panics shows how far it is on a terminal, from its start, and erases that line
+// before the results; a pipe gets none of it.
+TEST(Triage, ProgressOnATerminalOnly) {
+  const TemporaryDir tmp;
+  const std::string dir = tmp.path + std::string("/panics");
+  ASSERT_EQ(mkdir(dir.c_str(), 0755), 0) << dir;
+  const std::string archive =
+      TarGz({{"Z/last_kmsg.txt", "Unable to handle kernel paging request at virtual address 0\n"}});
+  for (int i = 0; i < 100; ++i) {
+    std::ofstream(dir + "/ZQpanic_" + std::to_string(i) + "_2024-01-01-00-00-00.tar.gz") << archive;
+  }
+  const std::string run = ZQ_TRIAGE " " + dir + " >" + tmp.path + "/out";
+  ASSERT_EQ(std::system((run + " 2>" + tmp.path + "/piped").c_str()), 0);
+  ASSERT_EQ(
+      std::system(("script -qec '" + run + "' /dev/null </dev/null >" + tmp.path + "/tty").c_str()),
+      0);
+  std::string piped;
+  std::string tty;
+  ASSERT_TRUE(android::base::ReadFileToString(tmp.path + std::string("/piped"), &piped));
+  ASSERT_TRUE(android::base::ReadFileToString(tmp.path + std::string("/tty"), &tty));
+  EXPECT_EQ(piped, "");
+  const std::string first = "\rzq-triage: 0 of 100 panics read\033[K";
+  EXPECT_EQ(tty.substr(0, first.size()), first) << tty;
+  EXPECT_GE(tty.size(), first.size() + 4) << tty;
+  EXPECT_EQ(tty.substr(tty.size() - 4), "\r\033[K") << tty;
 }

@@ -13,14 +13,16 @@
 namespace triage {
 namespace {
 
-// A kind of crash report: the line that opens it; its title, a rewrite of that line where " in @"
-// names the first guilty frame (dropped when there is none); the trailer it always ends with, so
-// that one the log stops before was cut off (without one, the log must reach its call trace); the
-// report's line that names the guilty function before pc, lr, RIP and the call trace do; the frame
-// of its call trace that the guilty one is below (the interrupt a watchdog reports from); and
-// whether it only continues a report already open (the Oops line after a fault, the panic after a
-// report).
+// A kind of crash report: a word the line that opens it always holds, by which the lines between
+// reports are passed over unread; the line that opens it; its title, a rewrite of that line where
+// " in @" names the first guilty frame (dropped when there is none); the trailer it always ends
+// with, so that one the log stops before was cut off (without one, the log must reach its call
+// trace); the report's line that names the guilty function before pc, lr, RIP and the call trace
+// do; the frame of its call trace that the guilty one is below (the interrupt a watchdog reports
+// from); and whether it only continues a report already open (the Oops line after a fault, the
+// panic after a report).
 struct Format {
+  const char* word;
   const char* opens;
   const char* title;
   const char* ends = nullptr;
@@ -37,37 +39,39 @@ constexpr const char* kInterrupted = R"(el1_interrupt|el1_irq|asm_sysvec_\w+|asm
 constexpr const char* kLockAt = R"(, at: (?:\[<X>\] )?([\w.$]+))";
 
 const Format kFormats[] = {
-    {R"(^Unable to handle kernel (.*?) at virtual address)", R"(Unable to handle kernel \1 in @)",
+    {"Unable", R"(^Unable to handle kernel (.*?) at virtual address)",
+     R"(Unable to handle kernel \1 in @)", kTrailer},
+    {"Internal", R"(^Internal error: ([^:\[]*?) ?[:\[])", R"(Internal error: \1 in @)", kTrailer,
+     nullptr, nullptr, true},
+    {"BUG:", "^BUG: kernel NULL pointer dereference", "BUG: kernel NULL pointer dereference in @",
      kTrailer},
-    {R"(^Internal error: ([^:\[]*?) ?[:\[])", R"(Internal error: \1 in @)", kTrailer, nullptr,
-     nullptr, true},
-    {"^BUG: kernel NULL pointer dereference", "BUG: kernel NULL pointer dereference in @",
-     kTrailer},
-    {R"(^BUG: unable to handle (page fault|kernel paging request|kernel NULL pointer dereference))",
+    {"BUG:",
+     R"(^BUG: unable to handle (page fault|kernel paging request|kernel NULL pointer dereference))",
      R"(BUG: unable to handle \1 in @)", kTrailer},
-    {"^general protection fault", "general protection fault in @", kTrailer},
-    {R"(^kernel BUG at \S+:\d+!)", "kernel BUG in @", kTrailer},
-    {R"(^WARNING:(?: CPU: \d+ PID: \d+ at)? \S+:\d+ )", "WARNING in @", kTrailer,
+    {"protection", "^general protection fault", "general protection fault in @", kTrailer},
+    {"BUG", R"(^kernel BUG at \S+:\d+!)", "kernel BUG in @", kTrailer},
+    {"WARNING:", R"(^WARNING:(?: CPU: \d+ PID: \d+ at)? \S+:\d+ )", "WARNING in @", kTrailer,
      R"(^WARNING:(?: CPU: \d+ PID: \d+ at)? \S+:\d+ (?:at )?([\w.$]+))"},
-    {R"(^BUG: KASAN: ([\w-]+))", R"(BUG: KASAN: \1 in @)", kTrailer,
+    {"KASAN:", R"(^BUG: KASAN: ([\w-]+))", R"(BUG: KASAN: \1 in @)", kTrailer,
      R"(^BUG: KASAN: [\w-]+ in ([\w.$]+))"},
-    {R"(^BUG: KFENCE: ([\w-]+(?: read| write)?))", R"(BUG: KFENCE: \1 in @)", kTrailer,
+    {"KFENCE:", R"(^BUG: KFENCE: ([\w-]+(?: read| write)?))", R"(BUG: KFENCE: \1 in @)", kTrailer,
      R"(^BUG: KFENCE: [\w-]+(?: read| write)? in ([\w.$]+))"},
-    {R"(^UBSAN: (.+?) in \S+:\d+)", R"(UBSAN: \1 in @)", kTrailer},
-    {"^(?:watchdog: )?BUG: soft lockup", "watchdog: BUG: soft lockup in @", nullptr, nullptr,
-     kInterrupted},
-    {R"(^(?:[\w ]+: )*Watchdog detected hard LOCKUP)", "watchdog: hard lockup in @", nullptr,
+    {"UBSAN:", R"(^UBSAN: (.+?) in \S+:\d+)", R"(UBSAN: \1 in @)", kTrailer},
+    {"lockup", "^(?:watchdog: )?BUG: soft lockup", "watchdog: BUG: soft lockup in @", nullptr,
      nullptr, kInterrupted},
-    {R"(^INFO: task .* blocked for more than \d+ seconds)", "INFO: task hung in @"},
-    {R"(^(?:rcu: )?INFO: \w+ (?:self-)?detected stall)", "rcu detected stall in @", nullptr,
-     nullptr, kInterrupted},
-    {"^WARNING: possible (?:circular locking dependency|recursive locking) detected",
+    {"LOCKUP", R"(^(?:[\w ]+: )*Watchdog detected hard LOCKUP)", "watchdog: hard lockup in @",
+     nullptr, nullptr, kInterrupted},
+    {"INFO:", R"(^INFO: task .* blocked for more than \d+ seconds)", "INFO: task hung in @"},
+    {"INFO:", R"(^(?:rcu: )?INFO: \w+ (?:self-)?detected stall)", "rcu detected stall in @",
+     nullptr, nullptr, kInterrupted},
+    {"WARNING:", "^WARNING: possible (?:circular locking dependency|recursive locking) detected",
      "possible deadlock in @", nullptr, kLockAt},
-    {"^WARNING: inconsistent lock state", "inconsistent lock state in @", nullptr, kLockAt},
-    {"^BUG: sleeping function called from invalid context",
+    {"WARNING:", "^WARNING: inconsistent lock state", "inconsistent lock state in @", nullptr,
+     kLockAt},
+    {"BUG:", "^BUG: sleeping function called from invalid context",
      "BUG: sleeping function called from invalid context in @"},
-    {"^Kernel panic - not syncing: (.*)", R"(Kernel panic - not syncing: \1)", nullptr, nullptr,
-     nullptr, true},
+    {"syncing", "^Kernel panic - not syncing: (.*)", R"(Kernel panic - not syncing: \1)", nullptr,
+     nullptr, nullptr, true},
 };
 
 // Frames that are the kernel reporting, checking, allocating, locking, copying or taking an
@@ -129,8 +133,8 @@ constexpr size_t kLineLimit = 4096;  // the kernel prints at most 1 KiB a line; 
 const std::string kReplacement = "\xEF\xBF\xBD";
 
 // Appends |line| to |out|, NULs and invalid UTF-8 replaced; true when it is a line of text: 16
-// bytes or more, none replaced, no control byte.
-bool AppendText(std::string_view line, std::string& out) {
+// bytes or more, none replaced, no control byte. Without |out|, only tells.
+bool AppendText(std::string_view line, std::string* out) {
   bool text = line.size() >= 16;
   for (size_t i = 0; i < line.size();) {
     auto c = static_cast<unsigned char>(line[i]);
@@ -143,17 +147,25 @@ bool AppendText(std::string_view line, std::string& out) {
     for (size_t k = 1; valid && k < len; ++k) {
       valid = (static_cast<unsigned char>(line[i + k]) & 0xC0) == 0x80;
     }
-    if (!valid) {
-      out += kReplacement;
-      text = false;
-      ++i;
-      continue;
-    }
     if (c < 0x20 && c != '\t') text = false;
-    out.append(line.substr(i, len));
-    i += len;
+    if (!valid) text = false;
+    if (out == nullptr && !text) return false;
+    if (out == nullptr) {
+      i += len;
+    } else if (!valid) {
+      *out += kReplacement;
+      ++i;
+    } else {
+      out->append(line.substr(i, len));
+      i += len;
+    }
   }
   return text;
+}
+
+std::string_view WithoutCr(std::string_view raw) {
+  if (!raw.empty() && raw.back() == '\r') raw.remove_suffix(1);
+  return raw;
 }
 
 std::string Trim(std::string s) {
@@ -302,19 +314,54 @@ void ReadFields(const Report& report, Panic& panic) {
   if (!panic.cpu && report.lines.front().cpu >= 0) panic.cpu = report.lines.front().cpu;
 }
 
-// Calls |each| with every line of |log|, normalised; whether any was text.
-template <typename Each>
-bool ForEachLine(std::string_view log, Each each) {
+// Calls |each| with every line of |log| that |wanted| keeps, given its bytes, normalised; whether
+// any line of the log was text.
+template <typename Wanted, typename Each>
+bool ForEachLine(std::string_view log, Wanted wanted, Each each) {
   bool any_text = false;
   for (size_t start = 0; start < log.size();) {
     size_t end = std::min(log.find('\n', start), log.size());
-    bool text = false;
-    each(Normalise(log.substr(start, std::min(end - start, kLineLimit)), &text));
-    any_text |= text;
+    std::string_view raw = log.substr(start, std::min(end - start, kLineLimit));
+    if (wanted(start, start + raw.size())) {
+      bool text = false;
+      each(Normalise(raw, &text));
+      any_text |= text;
+    } else if (!any_text) {
+      any_text = AppendText(WithoutCr(raw), nullptr);
+    }
     start = end + 1;
   }
   return any_text;
 }
+
+// Where the words of kFormats occur in a log, found ahead of the line being read: a line none of
+// them is in opens no report, and is not normalised.
+class WordHits {
+ public:
+  explicit WordHits(std::string_view log) : log_(log) {
+    for (const auto& format : kFormats) {
+      if (std::find(words_.begin(), words_.end(), format.word) == words_.end()) {
+        words_.emplace_back(format.word);
+        next_.push_back(log.find(format.word));
+      }
+    }
+  }
+
+  // Whether one of the words starts in the bytes [|start|, |end|) of the log.
+  bool Within(size_t start, size_t end) {
+    bool within = false;
+    for (size_t k = 0; k < words_.size(); ++k) {
+      if (next_[k] < start) next_[k] = log_.find(words_[k], start);
+      within = within || next_[k] < end;
+    }
+    return within;
+  }
+
+ private:
+  std::string_view log_;
+  std::vector<std::string_view> words_;
+  std::vector<size_t> next_;  // where each word is next found, npos past its last
+};
 
 // The first report whole, and the titles of those after it.
 struct Reports {
@@ -336,7 +383,11 @@ Reports FindReports(std::string_view log, bool& any_text) {
     }
     open = Report{};
   };
-  any_text = ForEachLine(log, [&](Line line) {
+  WordHits hits(log);
+  auto wanted = [&open, &hits](size_t start, size_t end) {
+    return open.format != nullptr || hits.Within(start, end);
+  };
+  any_text = ForEachLine(log, wanted, [&](Line line) {
     const Format* format = Opens(line.clean);
     if (open.format != nullptr) {
       if ((format == nullptr || format->joins) && open.lines.size() < kReportLines) {
@@ -363,7 +414,8 @@ Reports FindReports(std::string_view log, bool& any_text) {
 }
 
 void ReadRecord(Panic& panic) {
-  ForEachLine(panic.record, [&panic](const Line& line) {
+  auto all = [](size_t /*start*/, size_t /*end*/) { return true; };
+  ForEachLine(panic.record, all, [&panic](const Line& line) {
     const std::string& text = line.text;
     auto value = [&text](const char* key, std::string& into) {
       if (text.rfind(key, 0) == 0) into = Trim(text.substr(std::char_traits<char>::length(key)));
@@ -378,9 +430,9 @@ void ReadRecord(Panic& panic) {
 }  // namespace
 
 Line Normalise(std::string_view raw, bool* is_text) {
-  if (!raw.empty() && raw.back() == '\r') raw.remove_suffix(1);
+  raw = WithoutCr(raw);
   Line line;
-  bool text = AppendText(raw, line.text);
+  bool text = AppendText(raw, &line.text);
   if (is_text != nullptr) *is_text = text;
   re2::StringPiece rest(line.text);
   std::string cpu_a;

@@ -102,19 +102,31 @@ int NextFile(archive* a, std::string& base) {
   }
 }
 
-// Takes the exception record and the database's kernel log out of the opened database |db|.
+// Takes the exception record and, when the panic has no last_kmsg.txt so far, the kernel log out of
+// the opened database |db|; the first of each counts. Stops once it holds them: what follows, the
+// memory dump mostly, is never inflated, and damage to it goes unseen.
 void ReadDatabase(archive* db, const std::string& name, Panic& panic, std::string& db_kmsg) {
-  for (std::string base;;) {
+  bool has_record = false;
+  bool has_log = false;
+  for (std::string base; !has_record || (!has_log && panic.kmsg_member.empty());) {
     const int r = NextFile(db, base);
     if (r == ARCHIVE_EOF) return;
     if (r < ARCHIVE_WARN) {
       panic.error = name + ": " + Why(db);
       return;
     }
-    std::string* into = base == "ZZ_INTERNAL"                                   ? &panic.record
-                        : base == "SYS_KERNEL_LOG" && panic.kmsg_member.empty() ? &db_kmsg
-                                                                                : nullptr;
-    if (into != nullptr && !ReadMember(db, *into, panic.cut_bytes)) {
+    bool* has = nullptr;
+    std::string* into = nullptr;
+    if (base == "ZZ_INTERNAL" && !has_record) {
+      has = &has_record;
+      into = &panic.record;
+    } else if (base == "SYS_KERNEL_LOG" && !has_log && panic.kmsg_member.empty()) {
+      has = &has_log;
+      into = &db_kmsg;
+    }
+    if (into == nullptr) continue;
+    *has = true;
+    if (!ReadMember(db, *into, panic.cut_bytes)) {
       panic.error = name;
       panic.error.append(": ").append(base).append(": ").append(Why(db));
       return;
