@@ -1,5 +1,6 @@
-"""The simulator's promises, checked after every step of random sequences of zq-devsim verbs, with
-random bad arguments and signals at chosen points, over a phone with history:
+"""The simulator's promises, checked after every step of each verb that changes a phone killed at
+each of its change points in turn, over a phone with history, and of refused, interrupted and
+reading verbs:
 - a verb that is refused (2), fails (1) or is ended by SIGINT, SIGTERM or SIGHUP (130, 143, 129)
   says so in one last line and leaves the device root exactly as it was: every file's bytes, mode,
   owner and times, every property, the journal; one killed by SIGKILL leaves it so, or as a verb
@@ -7,12 +8,8 @@ random bad arguments and signals at chosen points, over a phone with history:
 - a verb changes only what it exists to change, and every archive it leaves is a whole gzip;
 - reading (getprop, logcat, tree, pull) changes nothing;
 - every verb ends within BOUND seconds, never with a traceback, and leaves no process 3 s on.
-With "every-point" for SEED, each verb that changes a phone is killed at each of its change points
-instead, and each is refused on a full file system.
-Usage: devsim_invariants.py DAEMON SEED|every-point [EXAMPLES] (hypothesis; the seed makes a run
-repeatable)."""
+Usage: devsim_invariants.py DAEMON"""
 
-import collections
 import hashlib
 import itertools
 import os
@@ -25,21 +22,13 @@ import tarfile
 import tempfile
 import time
 
-from hypothesis import HealthCheck, seed, settings
-from hypothesis import strategies as st
-from hypothesis.stateful import RuleBasedStateMachine, initialize, rule, run_state_machine_as_test
-
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 from left_behind import lingering  # pylint: disable=wrong-import-position
 
 DEVSIM = os.path.join(os.path.dirname(os.path.abspath(__file__)), "../devsim/zq-devsim")
-DAEMON, SEED = sys.argv[1], sys.argv[2]
-EXAMPLES = int(sys.argv[3]) if len(sys.argv) > 3 else 6
+DAEMON = sys.argv[1]
 WORK = tempfile.mkdtemp(prefix="zq-invariants.")
 TEMPLATE = os.path.join(WORK, "template")
-NO_MKSH = os.path.join(WORK, "bin-without-mksh")  # a PATH that lacks the phone's shell
-BAD_RC = os.path.join(WORK, "bad.rc")  # the kit's init script with lines that init refuses
-STEPS = collections.Counter()  # the steps run, by how they ended
 CALLS = itertools.count()
 BOUND = 120  # seconds that any one verb may take
 
@@ -49,8 +38,6 @@ def devsim(*args, interrupt=None, kill_after=None):
     stopped at that point and killed |kill_after| seconds later, what it started going on."""
     mark = f"ZQ_INVARIANTS_CALL={os.getpid()}.{next(CALLS)}"  # in each process it starts
     env = dict(os.environ, ZQ_MRDUMP_COLLECT=DAEMON, TZ="UTC", ZQ_INVARIANTS_CALL=mark[19:])
-    if "NO_MKSH" in args:
-        env["PATH"], args = NO_MKSH, tuple(a for a in args if a != "NO_MKSH")
     env.pop("ZQ_DEVSIM_INTERRUPT", None)
     if interrupt is not None:
         env["ZQ_DEVSIM_INTERRUPT"], env["ZQ_DEVSIM_SIGNAL"] = str(interrupt[0]), interrupt[1]
@@ -112,24 +99,13 @@ MAY_CHANGE = {
     "setprop": (("properties", ".devsim"), (".",)),
     "init": None,  # --force: a phone as flashed, in place of this one
 }
-INTERRUPT = st.one_of(st.none(), st.tuples(st.integers(1, 40),
-                                           st.sampled_from(("INT", "TERM", "HUP", "KILL"))))
-BOOT_OPTIONS = st.lists(st.sampled_from([
-    ["--userland", "android"], ["--userland", "ios"], ["--engine", "before"],
-    ["--engine", "never"], ["--log-partition", "missing"], ["--log-partition", "wiped"],
-    ["--log-partition", "unmountable"], ["--tmpfs", "mnt/vendor/zq_log", "24"],
-    ["--tmpfs", "mnt/vendor/zq_log", "4000"], ["--tmpfs", "data/vendor", "800"],
-    ["--tmpfs", "data/vendor/aee_exp/last_kmsg.txt", "100"], ["--read-only", "mnt/vendor/zq_log"],
-    ["--fail-tar", "3"], ["--slow-gzip", "0"], ["--power-cut", "0"], ["--power-cut", "7"],
-    ["--faketime", "@2024-13-01 00:00:00"], ["--preload", "/nonexistent.so"],
-    ["--init-script", "/nonexistent.rc"], ["--init-script", BAD_RC], ["--bogus"],
-    ["--userland", "android", "NO_MKSH"], ["--tmpfs", "mnt/vendor/zq_log/out", "100"]]), max_size=3)
-READS = st.sampled_from([
-    ["getprop"], ["getprop", "vendor.debug.mtk.aeev.ramdump"], ["getprop", "vendor..bad"],
-    ["logcat"], ["logcat", "--last", "*:E"], ["logcat", "-s", "zq_mrdump_collect"],
-    ["logcat", "--last", "x:Q"], ["tree"], ["tree", "/mnt/vendor/zq_log"], ["tree", "/etc"],
-    ["pull", "/mnt/vendor/zq_log", "OUT"], ["pull", "/data", "IN"], ["pull", "/proc", "OUT"],
-    ["pull", "/data/vendor", "/proc/zq-pulled"]])
+# Verbs that must be refused, each naming what it refuses, and verbs that read.
+REFUSED = (("boot", ["--faketime", "@2262-04-10 00:00:00"]), ("boot", ["--userland", "ios"]),
+           ("boot", ["--init-script", "/nonexistent.rc"]), ("boot", ["--tmpfs", "data/x", "0"]),
+           ("setprop", ["vendor..bad", "1"]), ("setprop", ["a" * 300, "1"]),
+           ("panic", ["--db-size", "x"]), ("init", []))
+READS = (("getprop", []), ("logcat", ["--last", "*:E"]), ("tree", ["/mnt/vendor/zq_log"]),
+         ("pull", ["/data", "OUT"]), ("pull", ["/proc", "OUT"]), ("pull", ["/data", "/proc/x"]))
 
 
 def step(root, verb, args, interrupt=None, reads=False, path=None):
@@ -137,7 +113,6 @@ def step(root, verb, args, interrupt=None, reads=False, path=None):
     exit status."""
     before, earlier = snapshot(root), copies(root)
     status, out, err = devsim(verb, path or root, *args, interrupt=interrupt)
-    STEPS[status if status in (0, 1, 2, 129, 130, 143, -9) else "daemon's own"] += 1
     after, left = snapshot(root), copies(root)
     where = f"{verb} {' '.join(args)} (ended at {interrupt}): status {status}\n{err}"
     try:
@@ -174,55 +149,6 @@ def step(root, verb, args, interrupt=None, reads=False, path=None):
     return status
 
 
-class Phone(RuleBasedStateMachine):
-    @initialize()
-    def copy_of_a_phone_with_history(self):
-        self.root = fresh_phone(f"phone.{os.getpid()}")
-        self.outside = tempfile.mkdtemp(dir=WORK)
-
-    @rule(dumping=st.sampled_from(["0", "10", "x"]),
-          size=st.sampled_from(["0", "16", "64", "x", "-1", "999999999"]), cbt=st.booleans(),
-          interrupt=INTERRUPT)
-    def panic(self, dumping, size, cbt, interrupt):
-        step(self.root, "panic", ["--dumping", dumping, "--db-size", size, "--kmsg-size", "16"] +
-             (["--cbt"] if cbt else []), interrupt)
-
-    @rule(options=BOOT_OPTIONS, interrupt=INTERRUPT)
-    def boot(self, options, interrupt):
-        args = [word for option in options for word in option]
-        step(self.root, "boot", args + ["--faketime", "@2024-05-01 03:04:05 x100"], interrupt)
-
-    @rule(where=st.sampled_from(["FILE", "/proc/zq-phone", "PHONE", "PHONE --force"]),
-          interrupt=INTERRUPT)
-    def init(self, where, interrupt):
-        paths = {"FILE": os.path.join(self.outside, "file"), "PHONE": self.root}
-        path, *force = where.split()
-        open(paths["FILE"], "w").close()
-        step(self.root, "init", force, interrupt, path=paths.get(path, path))
-
-    @rule()
-    def plant_a_link_out_of_the_phone(self):
-        link = os.path.join(self.root, "mnt/vendor/zq_log/out")
-        if not os.path.lexists(link):
-            os.symlink(self.outside, link)
-
-    @rule(name=st.sampled_from(["vendor.debug.mtk.aeev.ramdump", "vendor.minidump.cp.status",
-                                "persist.zq.test", "vendor..bad", "a" * 300, ""]),
-          value=st.sampled_from(["", "done", "dumping", "1", "x" * 92]), interrupt=INTERRUPT)
-    def setprop(self, name, value, interrupt):
-        step(self.root, "setprop", [name, value], interrupt)
-
-    @rule(words=READS)
-    def read(self, words):
-        fresh = os.path.join(self.outside, f"copy.{len(os.listdir(self.outside))}")
-        args = [fresh if w == "OUT" else os.path.join(self.root, "data/x") if w == "IN" else w
-                for w in words[1:]]
-        step(self.root, words[0], args, reads=True)
-
-    def teardown(self):
-        shutil.rmtree(self.root, ignore_errors=True)
-
-
 # Each verb that changes a phone, with arguments it succeeds with on the phone with history.
 CHANGES = (("setprop", ["persist.zq.test", "1"]),
            ("panic", ["--kmsg-size", "16", "--db-size", "64", "--dumping", "10", "--cbt"]),
@@ -239,8 +165,9 @@ def fresh_phone(name):
 def every_point():
     """Kills each verb that changes a phone at each of its change points in turn, the copy's among
     them, until one ends before the point; the next verb must find a whole phone. Kills a boot at
-    20 moments over its sandbox's start, and ends one with SIGTERM and with SIGHUP while the daemon
-    waits for a dump. Then, as root, refuses each on a full file system."""
+    20 moments over its sandbox's start, and ends one with SIGINT, SIGTERM and SIGHUP while the
+    daemon waits for a dump. Has bad arguments refused, and reads. Then, as root, refuses each verb
+    that changes a phone on a full file system."""
     points = {}
     for verb, args in CHANGES:
         for point in itertools.count(1):
@@ -255,8 +182,13 @@ def every_point():
     assert devsim("panic", root, "--kmsg-size", "16", "--db-size", "16", "--dumping", "300")[0] == 0
     for moment in range(20):  # 10 ms apart: the daemon runs some 150 ms after (a busy machine)
         assert devsim("boot", root, interrupt=("sandbox", "STOP"), kill_after=moment / 100)[0] == -9
-    for name in ("TERM", "HUP"):
+    for name in ("INT", "TERM", "HUP"):
         assert step(root, "boot", [], ("sandbox", name)) == 128 + signal.Signals["SIG" + name]
+    for verb, args in REFUSED:
+        assert step(root, verb, args) == 2, f"{verb} {args} not refused"
+    for n, (verb, args) in enumerate(READS):
+        step(root, verb, [os.path.join(WORK, f"out.{n}") if a == "OUT" else a for a in args],
+             reads=True)
     watch_a_boot(fresh_phone("watched"))
     root = fresh_phone("clock")  # two boots on the workstation's clock, within a second
     for _ in range(2):
@@ -282,7 +214,8 @@ def every_point():
             subprocess.run(["umount", full], check=True)
     print("devsim_invariants: killed at every change point: " +
           ", ".join(f"{verb} {n}" for verb, n in points.items()) + "; killed over the sandbox's "
-          "start; ended by SIGTERM and SIGHUP; refused on a full file system: every promise kept")
+          f"start; ended by SIGINT, SIGTERM and SIGHUP; {len(REFUSED)} refused, {len(READS)} reads; "
+          "refused on a full file system: every promise kept")
 
 
 def watch_a_boot(root):
@@ -312,30 +245,12 @@ def main():
 
 
 def run():
-    # A phone with history: three panics, each booted, made once and copied for every example.
-    os.mkdir(NO_MKSH)
-    for folder in ("/usr/bin", "/usr/sbin"):
-        for name in set(os.listdir(folder)) - {"mksh"} - set(os.listdir(NO_MKSH)):
-            os.symlink(os.path.join(folder, name), os.path.join(NO_MKSH, name))
-    with open(os.path.join(os.path.dirname(DEVSIM), "../zq_mrdump/zq_mrdump_collect.rc")) as f:
-        kit = f.read()
-    with open(BAD_RC, "w") as f:
-        f.write(kit + "    priority abc\non post-fs-data\n    mkdir /data/x 0999\n    setprop a.b\n"
-                "    write /dev/kmsg \"unterminated\n")
+    # A phone with history: three panics, each booted, made once and copied for every test.
     assert devsim("init", TEMPLATE)[0] == 0
     for minute in range(3):
         assert devsim("panic", TEMPLATE, "--kmsg-size", "16", "--db-size", "64")[0] == 0
         assert devsim("boot", TEMPLATE, "--faketime", f"@2024-05-01 03:0{minute}:05")[0] == 0
-    if SEED == "every-point":
-        every_point()
-        return
-    run_state_machine_as_test(seed(int(SEED))(Phone), settings=settings(
-        max_examples=EXAMPLES, stateful_step_count=20, deadline=None, database=None,
-        suppress_health_check=list(HealthCheck), print_blob=True))
-    ends = ", ".join(f"{n} {'ended ' + str(k) if isinstance(k, int) else k}"
-                     for k, n in sorted(STEPS.items(), key=str))
-    print(f"devsim_invariants: seed {SEED}: {EXAMPLES} sequences of up to 20 verbs, "
-          f"{sum(STEPS.values())} verbs ({ends}): every promise kept")
+    every_point()
 
 
 if __name__ == "__main__":
