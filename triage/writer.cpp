@@ -107,9 +107,10 @@ void WriteTable(const std::vector<Panic>& panics, std::ostream& out) {
     out << "\nCould not be read:\n";
     for (const auto* p : unread) out << "  " << p->path << ": " << p->error << '\n';
   }
+  const size_t read = panics.size() - unread.size();
   out << "\n"
-      << panics.size() - unread.size() << " panics read in " << groups.size() << " groups, "
-      << unread.size() << " could not be read\n";
+      << read << (read == 1 ? " panic" : " panics") << " read in " << groups.size()
+      << (groups.size() == 1 ? " group, " : " groups, ") << unread.size() << " could not be read\n";
 }
 
 }  // namespace triage
