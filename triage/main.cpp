@@ -159,14 +159,15 @@ int main(int argc, char** argv) {
     }
   }
   if (paths.empty()) return Usage(from_stdin ? "no path on standard input" : "no PATH given");
+  const auto cannot_write = [&html] {
+    std::cerr << "zq-triage: cannot write " << html << ": " << std::strerror(errno) << "\n";
+    return 2;
+  };
   // Opened before the reading, so that a FILE that cannot be written costs no wait.
   std::ofstream page;
   if (!html.empty()) {
     page.open(html, std::ios::binary | std::ios::trunc);
-    if (!page) {
-      std::cerr << "zq-triage: cannot write " << html << ": " << std::strerror(errno) << "\n";
-      return 2;
-    }
+    if (!page) return cannot_write();
   }
 
   std::vector<triage::Panic> panics = triage::FindPanics(paths);
@@ -198,10 +199,7 @@ int main(int argc, char** argv) {
   if (!html.empty()) {
     triage::WriteHtml(panics, page);
     page.close();
-    if (!page) {
-      std::cerr << "zq-triage: cannot write " << html << ": " << std::strerror(errno) << "\n";
-      return 2;
-    }
+    if (!page) return cannot_write();
   }
   return unread == 0 ? 0 : 1;
 }
