@@ -1,18 +1,12 @@
-// zq-triage: the report formats, bad inputs, panics filed by the daemon grouped end to end, and
-// the page as a browser lays it out.
+// zq-triage: the report formats, bad inputs and its progress on a terminal.
 #include <android-base/file.h>
 #include <archive.h>
 #include <archive_entry.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include <cstdio>
 #include <fstream>
-#include <map>
-#include <nlohmann/json.hpp>
 #include <random>
-#include <set>
-#include <tuple>
 
 #include "parser.h"
 #include "reader.h"
@@ -97,96 +91,6 @@ TEST(Triage, BadInputIsOneRowWithItsReason) {
     EXPECT_EQ(panic.error.empty() ? panic.title : panic.error, rows[i].second) << "row " << i;
     EXPECT_EQ(panic.cut_bytes, i + 1 == std::size(rows) ? oops.size() : 0U) << "row " << i;
   }
-}
-
-// The same fault at other times, addresses, PIDs and CPUs is one group; a write is another. The
-// task is the one the line prefix names, the report having no CPU line.
-TEST(Triage, SimulatorPanicsGroupBySignature) {
-  const TemporaryDir tmp;
-  const int runs[][3] = {{12, 0x1234, 3}, {4032, 0xbeef, 6}, {77, 0x1234, 3}};  // s, address, cpu
-  for (int i = 0; i < 3; ++i) {
-    const auto [seconds, address, cpu] = runs[i];
-    std::array<char, 512> log{};
-    (void)std::snprintf(
-        log.data(), log.size(),
-        "[%6d.%06d] (%d)[%d:foo] Unable to handle kernel paging request at virtual "
-        "address ffffff80%08x\n  CM = 0, WnR = %d\npc : foo_write+0x%x/0x90 [foo]\n",
-        seconds, seconds * 7, cpu, seconds * 3, address, i == 2, address & 0xff);
-    std::ofstream(tmp.path + ("/kmsg" + std::to_string(i + 1))) << log.data();
-  }
-  const std::string script =
-      "cd " + std::string(tmp.path) +
-      " && d=" ZQ_DEVSIM " c=" ZQ_MRDUMP_COLLECT
-      " && $d init phone && for i in 1 2 3; do $d panic phone --kmsg kmsg$i "
-      "--faketime \"@2024-05-0$i 10:00:00\" && ZQ_MRDUMP_COLLECT=$c $d boot "
-      "phone --faketime \"@2024-05-0$i 10:00:05\" || exit 1; done && $d pull "
-      "phone /mnt/vendor/zq_log log && " ZQ_TRIAGE " --json log >out";
-  ASSERT_EQ(std::system(("(" + script + ") >/dev/null 2>&1").c_str()), 0);
-  std::ifstream out(tmp.path + std::string("/out"));
-  std::vector<nlohmann::json> rows;
-  for (std::string line; std::getline(out, line);) rows.push_back(nlohmann::json::parse(line));
-  ASSERT_EQ(rows.size(), 3U);
-  EXPECT_EQ(rows[0]["signature"], rows[1]["signature"]);
-  EXPECT_NE(rows[0]["signature"], rows[2]["signature"]);
-  EXPECT_EQ(rows[1]["title"], "Unable to handle kernel paging request in foo_write");
-  EXPECT_EQ(rows[1]["cpu"], 6);
-  EXPECT_EQ(rows[1]["pid"], 4032 * 3);
-  EXPECT_EQ(rows[1]["comm"], "foo");
-}
-
-// The page as a browser lays it out: a row per group, the most frequent first, with its count and
-// phones, and a chart mark per group and day as tall as its count, all counted from the panics
-// filed here. Chromium runs in a session of its own, ended whole after it exits.
-TEST(TriageHtml, PageDrawsARowPerGroupAndAMarkPerGroupAndDay) {
-  const TemporaryDir tmp;
-  const std::string kinds[][2] = {
-      {"Unable to handle kernel paging request at virtual address 0\npc : foo_write+0x4/0x8\n",
-       "Unable to handle kernel paging request in foo_write"},
-      // Markup in a log shown as text, as the dump prints it: a tag the page let through is lost.
-      {"Kernel panic - not syncing: <i>Fatal</i>\n",
-       "Kernel panic - not syncing: &lt;i&gt;Fatal&lt;/i&gt;"},
-  };
-  // Each panic's phone, kind and day.
-  const std::tuple<std::string, int, int> panics[] = {
-      {"a", 0, 1}, {"a", 0, 2}, {"a", 1, 2}, {"b", 0, 2}};
-  std::map<std::string, std::set<std::string>> phones;  // by title
-  std::map<std::string, int> counts, marks;             // by title; by "DAY TITLE"
-  std::string script = "cd " + std::string(tmp.path) +
-                       " && d=" ZQ_DEVSIM " && export ZQ_MRDUMP_COLLECT=" ZQ_MRDUMP_COLLECT
-                       " && $d init a && $d init b";
-  for (size_t i = 0; i < std::size(panics); ++i) {
-    const auto& [phone, kind, day] = panics[i];
-    const std::string at = "2024-05-0" + std::to_string(day) + " 10:0" + std::to_string(i);
-    std::ofstream(tmp.path + ("/k" + std::to_string(i))) << kinds[kind][0];
-    script += " && $d panic " + phone + " --kmsg k" + std::to_string(i) + " --faketime '@" + at +
-              ":00' && $d boot " + phone + " --faketime '@" + at + ":05'";
-    phones[kinds[kind][1]].insert(phone);
-    ++counts[kinds[kind][1]];
-    ++marks[at.substr(0, 10) + " " + kinds[kind][1]];
-  }
-  const std::string chromium =
-      "HOME=$PWD setsid chromium --headless --no-sandbox --allow-file-access-from-files "
-      "--user-data-dir=$PWD/profile --dump-dom file://" ZQ_TRIAGE_PROBE "?file://$PWD/page.html";
-  script +=
-      " && mkdir fleet && $d pull a /mnt/vendor/zq_log fleet/a && $d pull b "
-      "/mnt/vendor/zq_log fleet/b && " ZQ_TRIAGE " --html page.html fleet && (" +
-      chromium + " >dom & pid=$!; wait $pid; s=$?; kill -KILL -- -$pid 2>/dev/null; exit $s)";
-  ASSERT_EQ(std::system(("(" + script + ") >/dev/null 2>&1").c_str()), 0) << script;
-
-  std::multimap<int, std::string, std::greater<>> rows;
-  for (const auto& [title, count] : counts) {
-    rows.emplace(count, "row " + std::to_string(count) + " " +
-                            std::to_string(phones[title].size()) + " " + title + "\n");
-  }
-  std::string expected;
-  for (const auto& row : rows) expected += row.second;
-  for (const auto& [day_title, count] : marks) {
-    expected += "mark " + day_title + " " + std::to_string(count) + "\n";
-  }
-  std::string dom;
-  ASSERT_TRUE(android::base::ReadFileToString(tmp.path + std::string("/dom"), &dom));
-  const size_t begin = dom.find("<pre id=\"laid-out\">") + 19;
-  EXPECT_EQ(dom.substr(begin, dom.find("</pre>", begin) - begin) + "\n", expected) << dom;
 }
 
 // A run of 100 panics shows how far it is on a terminal, from its start, and erases that line
