@@ -18,6 +18,7 @@ import signal
 import stat
 import subprocess
 import sys
+import sysconfig
 import tarfile
 import tempfile
 import time
@@ -33,16 +34,17 @@ CALLS = itertools.count()
 BOUND = 120  # seconds that any one verb may take
 
 
-def devsim(*args, interrupt=None, kill_after=None):
-    """zq-devsim |args|, ended at the change point and by the signal of |interrupt|, (N, NAME), or
-    stopped at that point and killed |kill_after| seconds later, what it started going on."""
+def devsim(*args, interrupt=None, kill_after=None, runner=()):
+    """zq-devsim |args| run by |runner|, ended at the change point and by the signal of |interrupt|,
+    (N, NAME), or stopped at that point and killed |kill_after| seconds later, what it started
+    going on."""
     mark = f"ZQ_INVARIANTS_CALL={os.getpid()}.{next(CALLS)}"  # in each process it starts
     env = dict(os.environ, ZQ_MRDUMP_COLLECT=DAEMON, TZ="UTC", ZQ_INVARIANTS_CALL=mark[19:])
     env.pop("ZQ_DEVSIM_INTERRUPT", None)
     if interrupt is not None:
         env["ZQ_DEVSIM_INTERRUPT"], env["ZQ_DEVSIM_SIGNAL"] = str(interrupt[0]), interrupt[1]
     # A session of its own: a signal reaches the command's process group, not this test.
-    process = subprocess.Popen([DEVSIM, *args], env=env, stdout=subprocess.PIPE,
+    process = subprocess.Popen([*runner, DEVSIM, *args], env=env, stdout=subprocess.PIPE,
                                stderr=subprocess.PIPE, start_new_session=True)
     try:
         if kill_after is not None:
@@ -100,7 +102,8 @@ MAY_CHANGE = {
     "init": None,  # --force: a phone as flashed, in place of this one
 }
 # Verbs that must be refused, each naming what it refuses, and verbs that read.
-REFUSED = (("boot", ["--faketime", "@2262-04-10 00:00:00"]), ("boot", ["--userland", "ios"]),
+REFUSED = (("boot", ["--faketime", "@2262-04-10 00:00:00"]), ("boot", ["--faketime", "x0"]),
+           ("boot", ["--userland", "ios"]),
            ("boot", ["--init-script", "/nonexistent.rc"]), ("boot", ["--tmpfs", "data/x", "0"]),
            ("setprop", ["vendor..bad", "1"]), ("setprop", ["a" * 300, "1"]),
            ("panic", ["--db-size", "x"]), ("init", []))
@@ -166,8 +169,9 @@ def every_point():
     """Kills each verb that changes a phone at each of its change points in turn, the copy's among
     them, until one ends before the point; the next verb must find a whole phone. Kills a boot at
     20 moments over its sandbox's start, and ends one with SIGINT, SIGTERM and SIGHUP while the
-    daemon waits for a dump. Has bad arguments refused, and reads. Then, as root, refuses each verb
-    that changes a phone on a full file system."""
+    daemon waits for a dump, and SIGTERM while Python imports. Has bad arguments refused, and reads.
+    Then, as root, refuses each verb that changes a phone on a full file system, and to another
+    user on root's phone."""
     points = {}
     for verb, args in CHANGES:
         for point in itertools.count(1):
@@ -184,6 +188,11 @@ def every_point():
         assert devsim("boot", root, interrupt=("sandbox", "STOP"), kill_after=moment / 100)[0] == -9
     for name in ("INT", "TERM", "HUP"):
         assert step(root, "boot", [], ("sandbox", name)) == 128 + signal.Signals["SIG" + name]
+    # SIGTERM while Python imports, sent as it first touches argparse
+    said = devsim("getprop", root, runner=("strace", "-f", "-qq", "-o", "/dev/null", "-P",
+                                           sysconfig.get_path("stdlib") + "/argparse.py",
+                                           "-e", "inject=all:signal=TERM:when=1"))
+    assert said == (143, b"", "zq-devsim: ended by a signal\n"), said
     for verb, args in REFUSED:
         assert step(root, verb, args) == 2, f"{verb} {args} not refused"
     for n, (verb, args) in enumerate(READS):
@@ -191,9 +200,9 @@ def every_point():
              reads=True)
     watch_a_boot(fresh_phone("watched"))
     root = fresh_phone("clock")  # two boots on the workstation's clock, within a second
-    for _ in range(2):
+    for clock in ([], ["--faketime", "x1"]):
         assert devsim("panic", root, "--kmsg-size", "16", "--db-size", "16")[0] == 0
-        assert devsim("boot", root)[0] == 0
+        assert devsim("boot", root, *clock)[0] == 0
     staged = os.listdir(os.path.join(root, "data/vendor/dump_collect"))
     assert not [n for n in staged if "2024" in n], f"one boot's folder was the other's: {staged}"
     full = os.path.join(WORK, "full")
@@ -212,10 +221,16 @@ def every_point():
                 assert step(root, verb, args) == 2, verb
         finally:
             subprocess.run(["umount", full], check=True)
+        os.chmod(WORK, 0o1777)  # as /tmp: root's phone, which another user may read, not change
+        for verb, args in CHANGES:
+            status, _, err = devsim(verb, TEMPLATE, *args, runner=(
+                "setpriv", "--reuid=nobody", "--regid=nogroup", "--clear-groups"))
+            assert status == 2 and "belongs to uid 0" in err, f"{verb} as nobody: {status} {err}"
     print("devsim_invariants: killed at every change point: " +
           ", ".join(f"{verb} {n}" for verb, n in points.items()) + "; killed over the sandbox's "
-          f"start; ended by SIGINT, SIGTERM and SIGHUP; {len(REFUSED)} refused, {len(READS)} reads; "
-          "refused on a full file system: every promise kept")
+          f"start; ended by SIGINT, SIGTERM and SIGHUP, and on import; {len(REFUSED)} refused, "
+          f"{len(READS)} reads; refused on a full file system and to another user: every promise "
+          "kept")
 
 
 def watch_a_boot(root):

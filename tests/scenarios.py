@@ -210,6 +210,9 @@ def boot_block(daemon, file_in_the_way, sanitized, userland, block):
     if "--faketime" not in boot:  # a date that stands still: the names are known
         boot += ["--faketime", "2024-05-01 03:04:05"]
     status, err = device.boot("--userland", userland, *boot)
+    said = err.splitlines() or [""]  # what a person sees: who ran the daemon, each status it set
+    expect(f"userland, as {'system,' if os.geteuid() == 0 else 'you ('}" in said[0], said[0])
+    expect(said[-1].endswith(f"{STATUS}: {' -> '.join(statuses) or 'never set'}"), said[-1])
 
     journal = device.journal()
     log = [r["msg"] for r in journal if r["ev"] == "log" and r["buf"] != "kernel"]
