@@ -199,12 +199,12 @@ def every_point():
         step(root, verb, [os.path.join(WORK, f"out.{n}") if a == "OUT" else a for a in args],
              reads=True)
     watch_a_boot(fresh_phone("watched"))
-    root = fresh_phone("clock")  # two boots on the workstation's clock, within a second
-    for clock in ([], ["--faketime", "x1"]):
+    root = fresh_phone("clock")  # set ahead of the workstation's, which must not take it back
+    for clock in (["--faketime", "@2030-01-01 00:00:00"], ["--faketime", "x1"], []):
         assert devsim("panic", root, "--kmsg-size", "16", "--db-size", "16")[0] == 0
         assert devsim("boot", root, *clock)[0] == 0
-    staged = os.listdir(os.path.join(root, "data/vendor/dump_collect"))
-    assert not [n for n in staged if "2024" in n], f"one boot's folder was the other's: {staged}"
+    staged = os.listdir(os.path.join(root, "data/vendor/dump_collect"))  # the last two kept
+    assert len(staged) == 2 and all("_2030-01-01-" in n for n in staged), f"ran back: {staged}"
     full = os.path.join(WORK, "full")
     if os.geteuid() != 0:
         print("devsim_invariants: the full file system needs root to mount; skipped")
@@ -234,8 +234,9 @@ def every_point():
 
 
 def watch_a_boot(root):
-    """A boot stopped right before it is swapped in: logcat and getprop show it, and the phone is
-    as it was until it goes on."""
+    """A boot stopped right before it is swapped in: logcat and getprop show it, the dump's property
+    as its daemon last read it, and the phone is as it was until it goes on."""
+    assert devsim("panic", root, "--kmsg-size", "16", "--db-size", "16", "--dumping", "20")[0] == 0
     before = snapshot(root)
     env = dict(os.environ, ZQ_MRDUMP_COLLECT=DAEMON, TZ="UTC", ZQ_DEVSIM_INTERRUPT="swap",
                ZQ_DEVSIM_SIGNAL="STOP")
@@ -246,6 +247,7 @@ def watch_a_boot(root):
         log = devsim("logcat", root, "--last")[1].decode()
         assert "--------- boot 4 in progress" in log and "Time taken: " in log, log
         assert devsim("getprop", root, "vendor.minidump.cp.status")[1] == b"1\n"
+        assert devsim("getprop", root, "vendor.debug.mtk.aeev.ramdump")[1] == b"done\n"
         assert not changed(before, snapshot(root)), changed(before, snapshot(root))
     finally:
         os.kill(boot.pid, signal.SIGCONT)
