@@ -234,24 +234,27 @@ def every_point():
 
 
 def watch_a_boot(root):
-    """A boot stopped right before it is swapped in: logcat and getprop show it, the dump's property
-    as its daemon last read it, and the phone is as it was until it goes on."""
-    assert devsim("panic", root, "--kmsg-size", "16", "--db-size", "16", "--dumping", "20")[0] == 0
+    """A boot stopped as its sandbox starts, then killed, and one stopped right before it is swapped
+    in: logcat and getprop show it, the dump's property as its daemon reads it, and the phone is as
+    it was until one goes on."""
+    assert devsim("panic", root, "--kmsg-size", "16", "--db-size", "16", "--dumping", "300")[0] == 0
     before = snapshot(root)
-    env = dict(os.environ, ZQ_MRDUMP_COLLECT=DAEMON, TZ="UTC", ZQ_DEVSIM_INTERRUPT="swap",
-               ZQ_DEVSIM_SIGNAL="STOP")
-    boot = subprocess.Popen([DEVSIM, "boot", root, *CHANGES[2][1]], env=env,
-                            stderr=subprocess.DEVNULL, start_new_session=True)
-    try:
-        assert os.WIFSTOPPED(os.waitpid(boot.pid, os.WUNTRACED)[1])
-        log = devsim("logcat", root, "--last")[1].decode()
-        assert "--------- boot 4 in progress" in log and "Time taken: " in log, log
-        assert devsim("getprop", root, "vendor.minidump.cp.status")[1] == b"1\n"
-        assert devsim("getprop", root, "vendor.debug.mtk.aeev.ramdump")[1] == b"done\n"
-        assert not changed(before, snapshot(root)), changed(before, snapshot(root))
-    finally:
-        os.kill(boot.pid, signal.SIGCONT)
-        assert boot.wait(timeout=BOUND) == 0
+    for point, args, dump in (("sandbox", [], b"dumping\n"), ("swap", CHANGES[2][1], b"done\n")):
+        env = dict(os.environ, ZQ_MRDUMP_COLLECT=DAEMON, TZ="UTC", ZQ_DEVSIM_INTERRUPT=point,
+                   ZQ_DEVSIM_SIGNAL="STOP")
+        boot = subprocess.Popen([DEVSIM, "boot", root, *args], env=env, stderr=subprocess.DEVNULL,
+                                start_new_session=True)
+        try:
+            assert os.WIFSTOPPED(os.waitpid(boot.pid, os.WUNTRACED)[1])
+            assert devsim("getprop", root, "vendor.debug.mtk.aeev.ramdump")[1] == dump, point
+            if point == "swap":
+                log = devsim("logcat", root, "--last")[1].decode()
+                assert "--------- boot 4 in progress" in log and "Time taken: " in log, log
+                assert devsim("getprop", root, "vendor.minidump.cp.status")[1] == b"1\n"
+            assert not changed(before, snapshot(root)), changed(before, snapshot(root))
+        finally:
+            os.killpg(boot.pid, signal.SIGKILL if point == "sandbox" else signal.SIGCONT)
+            assert boot.wait(timeout=BOUND) == (-9 if point == "sandbox" else 0)
 
 
 def main():
