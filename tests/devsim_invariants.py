@@ -30,6 +30,7 @@ DEVSIM = os.path.join(os.path.dirname(os.path.abspath(__file__)), "../devsim/zq-
 DAEMON = sys.argv[1]
 WORK = tempfile.mkdtemp(prefix="zq-invariants.")
 TEMPLATE = os.path.join(WORK, "template")
+BAD_RC = os.path.join(WORK, "bad.rc")  # the kit's init script with an I/O class init refuses
 CALLS = itertools.count()
 BOUND = 120  # seconds that any one verb may take
 
@@ -104,7 +105,8 @@ MAY_CHANGE = {
 # Verbs that must be refused, each naming what it refuses, and verbs that read.
 REFUSED = (("boot", ["--faketime", "@2262-04-10 00:00:00"]), ("boot", ["--faketime", "x0"]),
            ("boot", ["--userland", "ios"]),
-           ("boot", ["--init-script", "/nonexistent.rc"]), ("boot", ["--tmpfs", "data/x", "0"]),
+           ("boot", ["--init-script", "/nonexistent.rc"]), ("boot", ["--init-script", BAD_RC]),
+           ("boot", ["--tmpfs", "data/x", "0"]),
            ("setprop", ["vendor..bad", "1"]), ("setprop", ["a" * 300, "1"]),
            ("panic", ["--db-size", "x"]), ("init", []))
 READS = (("getprop", []), ("logcat", ["--last", "*:E"]), ("tree", ["/mnt/vendor/zq_log"]),
@@ -251,6 +253,8 @@ def watch_a_boot(root):
                 log = devsim("logcat", root, "--last")[1].decode()
                 assert "--------- boot 4 in progress" in log and "Time taken: " in log, log
                 assert devsim("getprop", root, "vendor.minidump.cp.status")[1] == b"1\n"
+                said = devsim("setprop", root, "persist.zq.busy", "1")
+                assert said[0] == 2 and f"pid {boot.pid} is changing it" in said[2], said
             assert not changed(before, snapshot(root)), changed(before, snapshot(root))
         finally:
             os.killpg(boot.pid, signal.SIGKILL if point == "sandbox" else signal.SIGCONT)
@@ -265,6 +269,10 @@ def main():
 
 
 def run():
+    with open(os.path.join(os.path.dirname(DEVSIM), "../zq_mrdump/zq_mrdump_collect.rc")) as f:
+        script = f.read()
+    with open(BAD_RC, "w") as f:
+        f.write(script.replace("ioprio be 7", "ioprio bulk 7"))
     # A phone with history: three panics, each booted, made once and copied for every test.
     assert devsim("init", TEMPLATE)[0] == 0
     for minute in range(3):
