@@ -1,8 +1,10 @@
 """One block of scenarios.txt booted with one userland; or power cuts at every change a boot with
 history makes, each followed by a panic and a boot.
-Usage: scenarios.py DAEMON FILE_IN_THE_WAY SANITIZED boot USERLAND BLOCK
-       scenarios.py DAEMON FILE_IN_THE_WAY SANITIZED cut USERLAND written|committed|synced
-FILE_IN_THE_WAY: the code this build's std::filesystem gives a folder made where a file stands.
+Usage: scenarios.py DAEMON FILE_IN_THE_WAY SANITIZED SLEEP_PROBE boot USERLAND BLOCK
+       scenarios.py DAEMON FILE_IN_THE_WAY SANITIZED SLEEP_PROBE cut USERLAND ON_DISK
+FILE_IN_THE_WAY: the code this build's std::filesystem gives a folder made where a file stands;
+SLEEP_PROBE: a library that ends the daemon on any sleep but a poll's 10 s; ON_DISK: written,
+committed or synced.
 Exits 77 when the test needs root and has it not."""
 import collections
 import os
@@ -188,9 +190,9 @@ def check(device, verb, arg, values, log, kmsg):
     return True
 
 
-def boot_block(daemon, file_in_the_way, sanitized, userland, block):
+def boot_block(daemon, built, sanitized, userland, block):
     values, lines, runs, steps = load(userland, block)
-    values["FILE_IN_THE_WAY"] = file_in_the_way
+    values["FILE_IN_THE_WAY"], values["SLEEP_PROBE"] = built
     values.update(head(arg) for _, verb, arg in steps if verb == "set")
     panic, boot, statuses, anywhere = [], [], ["wait", "running", "1"], []
     for n, verb, arg in steps:
@@ -330,11 +332,12 @@ def cut(daemon, userland, on_disk):
 
 
 def main():
-    daemon, file_in_the_way, sanitized, kind, userland, what = sys.argv[1:7]
+    daemon, file_in_the_way, sanitized, probe, kind, userland, what = sys.argv[1:8]
     tempfile.tempdir = tempfile.mkdtemp(prefix="zq-scenario.")
     try:
         if kind == "boot":
-            status, said = boot_block(daemon, file_in_the_way, sanitized == "1", userland, what)
+            status, said = boot_block(daemon, (file_in_the_way, probe), sanitized == "1", userland,
+                                      what)
         else:
             status, said = cut(daemon, userland, what)
     finally:
