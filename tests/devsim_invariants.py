@@ -221,6 +221,7 @@ def every_point():
                 f.write(bytes(os.statvfs(full).f_bavail * os.statvfs(full).f_frsize - (64 << 10)))
             for verb, args in CHANGES:
                 assert step(root, verb, args) == 2, verb
+            assert step(root, "init", [], path=os.path.join(full, "new")) == 2, "a new phone"
         finally:
             subprocess.run(["umount", full], check=True)
         os.chmod(WORK, 0o1777)  # as /tmp: root's phone, which another user may read, not change
