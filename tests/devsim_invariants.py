@@ -120,37 +120,33 @@ def step(root, verb, args, interrupt=None, reads=False, path=None):
     status, out, err = devsim(verb, path or root, *args, interrupt=interrupt)
     after, left = snapshot(root), copies(root)
     where = f"{verb} {' '.join(args)} (ended at {interrupt}): status {status}\n{err}"
-    try:
-        assert "Traceback" not in err, where
-        assert verb != "boot" or not out, f"{where}printed: {out[:200]!r}"  # init's /dev/null
-        if status == -9:  # if killed once swapped, the old phone beside it
-            assert not changed(before, after) or [c for c in left if not changed(
-                before, snapshot(c))], f"{where}changed, with no whole old phone beside it"
-        elif verb in MAY_CHANGE and status in (0, 99, 125, 134, 137):
-            assert not left, f"{where}left {left}"
-        else:
-            assert set(left) <= set(earlier), f"{where}left {set(left) - set(earlier)}"
-        if status in (1, 2, 129, 130, 143):  # said in one line, the last
-            assert err.count("zq-devsim: error:") == 1, where
-            assert err.rstrip("\n").splitlines()[-1].startswith("zq-devsim: error:"), where
-        cuts = [args[i + 1] for i, word in enumerate(args) if word == "--power-cut"]
-        if status in (1, 2, 129, 130, 143) or reads or cuts[-1:] == ["0"]:  # 0: lists, undoes
-            assert not changed(before, after), f"{where}changed: {changed(before, after)}"
-        elif MAY_CHANGE[verb]:
-            trees, folders = MAY_CHANGE[verb]
-            stray = [p for p in changed(before, after) if p not in folders and
-                     not any(p == t or p.startswith(t + "/") for t in trees)]
-            assert not stray, f"{where}changed what it should not: {stray}"
-        for folder, _, files in os.walk(os.path.join(root, "mnt/vendor/zq_log")):
-            for name in (n for n in files if n.endswith(".tar.gz")):
-                try:
-                    with tarfile.open(os.path.join(folder, name), "r:gz") as archive:
-                        archive.getmembers()
-                except (tarfile.TarError, EOFError, OSError) as e:
-                    raise AssertionError(f"{where}not a whole archive: {name}: {e}") from e
-    except AssertionError as e:  # said now: Hypothesis may replay it into another error
-        print(f"devsim_invariants: {e}", file=sys.stderr, flush=True)
-        raise
+    assert "Traceback" not in err, where
+    assert verb != "boot" or not out, f"{where}printed: {out[:200]!r}"  # init's /dev/null
+    if status == -9:  # if killed once swapped, the old phone beside it
+        assert not changed(before, after) or [c for c in left if not changed(
+            before, snapshot(c))], f"{where}changed, with no whole old phone beside it"
+    elif verb in MAY_CHANGE and status in (0, 99, 125, 134, 137):
+        assert not left, f"{where}left {left}"
+    else:
+        assert set(left) <= set(earlier), f"{where}left {set(left) - set(earlier)}"
+    if status in (1, 2, 129, 130, 143):  # said in one line, the last
+        assert err.count("zq-devsim: error:") == 1, where
+        assert err.rstrip("\n").splitlines()[-1].startswith("zq-devsim: error:"), where
+    cuts = [args[i + 1] for i, word in enumerate(args) if word == "--power-cut"]
+    if status in (1, 2, 129, 130, 143) or reads or cuts[-1:] == ["0"]:  # 0: lists, undoes
+        assert not changed(before, after), f"{where}changed: {changed(before, after)}"
+    elif MAY_CHANGE[verb]:
+        trees, folders = MAY_CHANGE[verb]
+        stray = [p for p in changed(before, after) if p not in folders and
+                 not any(p == t or p.startswith(t + "/") for t in trees)]
+        assert not stray, f"{where}changed what it should not: {stray}"
+    for folder, _, files in os.walk(os.path.join(root, "mnt/vendor/zq_log")):
+        for name in (n for n in files if n.endswith(".tar.gz")):
+            try:
+                with tarfile.open(os.path.join(folder, name), "r:gz") as archive:
+                    archive.getmembers()
+            except (tarfile.TarError, EOFError, OSError) as e:
+                raise AssertionError(f"{where}not a whole archive: {name}: {e}") from e
     return status
 
 
