@@ -46,7 +46,12 @@ class Device:
         status, _, err = run([DEVSIM, verb, self.root, *args])
         assert status == 0, f"zq-devsim {verb} {' '.join(args)}: {err}"
 
-    def panic(self, *options):  # of small evidence
+    def panic(self, *options, kmsg=None):
+        """A panic of small evidence; with |kmsg|, the text its last kernel log holds."""
+        if kmsg is not None:
+            options += ("--kmsg", os.path.join(self.folder, "kmsg"))
+            with open(options[-1], "wb") as f:
+                f.write(kmsg.encode("latin-1"))
         self.sim("panic", "--kmsg-size", "64", "--db-size", "96", *options)
 
     def boot(self, *options):

@@ -7,11 +7,15 @@ SLEEP_PROBE: a library that ends the daemon on any sleep but a poll's 10 s; ON_D
 committed or synced.
 Exits 77 when the test needs root and has it not."""
 import collections
+import gzip
+import io
 import os
 import re
 import shutil
 import sys
+import tarfile
 import tempfile
+import zlib
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 from device import Device, entries, run, slurp  # pylint: disable=wrong-import-position
@@ -245,37 +249,35 @@ def archives(folder):
             if n.startswith("ZQpanic_")}
 
 
+def unpacked(data):
+    """The files of the gzip-compressed tar |data| by name, each read whole (a folder's None): a
+    flaw of either layer raises."""
+    with tarfile.open(fileobj=io.BytesIO(gzip.decompress(data.encode("latin-1"))),
+                      encoding="latin-1") as tar:
+        return {m.name: tar.extractfile(m).read().decode("latin-1") if m.isfile() else None
+                for m in tar}
+
+
 def whole(folder, name, kmsg):
     """Whether panic archive |name| in |folder| is whole: a complete gzip of a complete tar (or the
     folder itself) of exactly the kernel log |kmsg| and one complete database archive."""
-    status, out, err = run(["sh", "-c", r"""set -e; cd "$1"
-        if [ -f "$2.tar.gz" ]; then t=$(mktemp -d); trap 'rm -rf "$t"' EXIT
-          tar -xzf "$2.tar.gz" -C "$t"; cd "$t"; fi
-        [ "$(ls -A "$2" | sed 's/^db\.[0-9]*\.tar\.gz$/DB/' | tr '\n' ' ')" = "DB last_kmsg.txt " ]
-        tar -tzf "$2"/db.*.tar.gz >/dev/null; cat "$2/last_kmsg.txt" """, "sh", folder, name])
-    return status == 0 and out == kmsg or f"{folder}/{name} is not whole: {err}"
+    path = os.path.join(folder, name)
+    try:
+        files = {n.removeprefix(name + "/"): data for n, data in unpacked(slurp(path + ".tar.gz"))
+                 .items() if n != name} if os.path.isfile(path + ".tar.gz") else \
+            {n: slurp(f"{path}/{n}") for n in entries(path)}
+        db = [n for n in files if re.fullmatch(r"db\.\d+\.tar\.gz", n)]
+        assert len(db) == 1 and sorted(files) == sorted(db + ["last_kmsg.txt"]), sorted(files)
+        assert unpacked(files[db[0]] or "") and files["last_kmsg.txt"] == kmsg, "another log"
+    except (AssertionError, EOFError, OSError, tarfile.TarError, zlib.error) as e:
+        return f"{folder}/{name} is not whole: {e!r}"
+    return True
 
 
-def panic_and_boot(device, userland, m, staged, kmsgs):
-    """A panic, then a boot at minute |m| that ends with "1" and leaves its folder and the five
-    newest archives, each whole, and |staged| staging folders. |kmsgs|: the kernel logs by count."""
-    device.panic()
-    kmsgs.append(slurp(device.pull("/data/vendor/aee_exp/last_kmsg.txt")))
-    count = len(kmsgs) - 1
-    status, err = device.boot("--userland", userland, "--faketime", f"@2024-05-01 03:{m:02d}:05")
-    assert status == 0, err
-    folder = device.pull("/mnt/vendor/zq_log/panic_log")
-    filed = archives(folder)
-    # Named for the boot's minute: its seconds are the clock's when the daemon reads it, later on a
-    # busy machine.
-    assert device.prop(STATUS) == "1" and filed[count].startswith(f"ZQpanic_{count}_2024-05-01-03-"
-                                                                  f"{m:02d}-"), filed
-    assert device.prop("vendor.zq_dump.last_panic_log") == filed[count]
-    assert sorted(filed) == list(range(max(0, count - 4), count + 1)), filed
-    assert entries(folder) == sorted([filed[count]] + [n + ".tar.gz" for n in filed.values()])
-    for n, name in filed.items():
-        assert whole(folder, name, kmsgs[n]) is True
-    assert len(entries(device.pull("/data/vendor/dump_collect"))) == staged
+def kernel_log(n):
+    """The last kernel log of panic |n|: some 60 KiB of lines its own."""
+    return "".join(f"[{i / 64:12.6f}] <6>panic {n}: line {i} of its last kernel log\n"
+                   for i in range(1000))
 
 
 def cut(daemon, userland, on_disk):
@@ -285,11 +287,12 @@ def cut(daemon, userland, on_disk):
     ext4 = on_disk != "written"
     if ext4 and os.geteuid() != 0:
         return SKIP, "ext4 partitions are loop-mounted: that needs root"
-    history, kmsgs = Device(daemon, ext4), []
-    for m in range(6):
-        panic_and_boot(history, userland, m, min(m + 1, 2), kmsgs)
-    history.panic()  # the one the cut boot, at minute 10, finds
-    kmsgs.append(slurp(history.pull("/data/vendor/aee_exp/last_kmsg.txt")))
+    history, kmsgs = Device(daemon, ext4), [kernel_log(n) for n in range(8)]
+    for m in range(6):  # six panics filed, a minute apart
+        history.panic(kmsg=kmsgs[m])
+        status, err = history.boot("--userland", userland, "--faketime", f"@2024-05-01 03:0{m}:05")
+        assert status == 0, err
+    history.panic(kmsg=kmsgs[6])  # the one the cut boot, at minute 10, finds
     device, cuts = Device(daemon), []
     while not cuts or cuts[-1] != "end":  # at the first change (or sync), the second, ...
         cuts.append(f"sync:{len(cuts) + 1}" if on_disk == "synced" else str(len(cuts) + 1))
@@ -304,27 +307,26 @@ def cut(daemon, userland, on_disk):
         assert status == (0 if cuts[-1] == "end" else 137), f"cut {cuts[-1]}: {err}"
         # The next boot files its panic whole; every kept earlier one is whole, the cut boot's too
         # at end.
-        after = kmsgs if cuts[-1] == "end" else kmsgs[:-1]
-        device.panic()
-        following = slurp(device.pull("/data/vendor/aee_exp/last_kmsg.txt"))
+        after = kmsgs[:7] if cuts[-1] == "end" else kmsgs[:6]
+        device.panic(kmsg=kmsgs[7])
         assert device.boot("--userland", userland, "--faketime", "@2024-05-01 03:11:05")[0] == 0
         expect(device.prop(STATUS) == "1", f"cut {cuts[-1]}: then status {device.prop(STATUS)}")
-        folder = device.pull("/mnt/vendor/zq_log/panic_log")
+        folder, staging = map(device.pull, ("/mnt/vendor/zq_log/panic_log",
+                                            "/data/vendor/dump_collect"))
         # Bounded: five archives, this boot's folder, and what a cut removal left aside.
         names = [n for n in entries(folder) if n != ".zq_mrdump_removing"]
         expect(len(names) <= 6, f"cut {cuts[-1]}: {names}")
         filed = archives(folder)
         count = max(filed)
-        for said in [whole(folder, filed[count], following)] + [
+        for said in [whole(folder, filed[count], kmsgs[7])] + [
                 whole(folder, filed.get(n, f"ZQpanic_{n}"), after[n])
                 for n in range(max(0, count - 4), len(after))]:
             expect(said is True, f"cut {cuts[-1]}: {said}: {names}")
-        staging = device.pull("/data/vendor/dump_collect")
         expect(len(entries(staging)) <= 2, f"cut {cuts[-1]}: staged {entries(staging)}")
         # A run that ended had synced what it staged.
         staged = [slurp(f"{staging}/{n}/last_kmsg.txt") for n in entries(staging)
                   if n.startswith("panic_log_2024-05-01-03-10-")]
-        expect(cuts[-1] != "end" or staged == kmsgs[-1:], "the staged kernel log of the boot cut "
+        expect(cuts[-1] != "end" or staged == kmsgs[6:7], "the staged kernel log of the boot cut "
                "at its end")
     expect(len(cuts) > (2 if on_disk == "synced" else 20), "a boot makes a few dozen changes")
     return (1 if FAULTS else 0), f"{userland}, {on_disk}: power cut at {' '.join(cuts)}" + \
