@@ -44,10 +44,8 @@ def main():
         for phone, panics in FLEET.items():
             device = Device(DAEMON)
             for n, (day, log) in enumerate(panics):
-                with open(os.path.join(work, "kmsg"), "w") as f:
-                    f.write(log)
                 at = f"@2024-05-0{day} 10:0{n}"
-                device.sim("panic", "--kmsg", f.name, "--faketime", at + ":00")
+                device.panic("--faketime", at + ":00", kmsg=log)
                 assert device.boot("--faketime", at + ":05")[0] == 0
             device.sim("pull", "/mnt/vendor/zq_log/panic_log", os.path.join(work, "fleet", phone))
         status, plain, err = run([TRIAGE, "--json", "fleet"], work)
